@@ -207,8 +207,7 @@ int TOVNet::validateAddressFamily(std::string ipaddr, int* version) {
     trace("TOVNet::validateAddressFamily(): calling getaddrinfo");
   const int rv = getaddrinfo(ipaddr.c_str(), nullptr, &hints, &list);
   if (level() == 3)
-    trace("TOVNet::validateAddressFamily(): getaddrinfo returned [", rv,
-          "]");
+    trace("TOVNet::validateAddressFamily(): getaddrinfo returned [", rv, "]");
   if (rv != 0) {
     report(where, "invalid address - ", gai_strerror(rv));
     if (list != nullptr) freeaddrinfo(list);
@@ -218,13 +217,11 @@ int TOVNet::validateAddressFamily(std::string ipaddr, int* version) {
   const int family = list->ai_family;
   if (family == AF_INET) {
     if (level() > 0)
-      trace("TOVNet::validateAddressFamily(): ", ipaddr,
-            " is an ipv4 address");
+      trace("TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv4 address");
     ipVersion = 4;
   } else if (family == AF_INET6) {
     if (level() > 0)
-      trace("TOVNet::validateAddressFamily(): ", ipaddr,
-            " is an ipv6 address");
+      trace("TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv6 address");
     ipVersion = 6;
   } else {
     report(where, ipaddr, " is an is unknown address format ", family);
@@ -344,8 +341,8 @@ int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
     trace("TOVNet::connectTimeout(): connect() reported error [",
           std::strerror(connectErrno), "]");
     if (connectErrno != EINPROGRESS) {
-      trace("TOVNet::connectTimeout(): connect() returned ", connectErrno,
-            " [", std::strerror(connectErrno), "]");
+      trace("TOVNet::connectTimeout(): connect() returned ", connectErrno, " [",
+            std::strerror(connectErrno), "]");
       return tovDebug.setError(TOV_SOCK_CONNECT);
     }
     timeval tv;
@@ -368,8 +365,7 @@ int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
     const int gso_stat =
         getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &valopt, &lon);
     if (level() == 3)
-      trace("TOVNet::connectTimeout(): getsockopt() return value = ",
-            gso_stat);
+      trace("TOVNet::connectTimeout(): getsockopt() return value = ", gso_stat);
     if (level() > 1)
       trace("TOVNet::connectTimeout(): valopt from getsockopt() ",
             "return value = ", valopt);
@@ -525,8 +521,8 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
           tovAuth.generateAuthline(authvec, binsalt, command);
       command = command + "\n" + authline;
       if (level() > 1)
-        trace("TOVNet::tovcomms(): output content [Length = ",
-              command.length(), "] = ", command);
+        trace("TOVNet::tovcomms(): output content [Length = ", command.length(),
+              "] = ", command);
     } else if (level() > 1) {
       trace("TOVNet::tovcomms(): auth object NOT provided");
     }
@@ -576,13 +572,11 @@ int TOVNet::serviceCommand(std::string address, std::string port,
   if (level() > 1) trace("TOVNet::serviceCommand(): address     = ", address);
   if (level() > 1) trace("TOVNet::serviceCommand(): port        = ", port);
   if (level() > 1) trace("TOVNet::serviceCommand(): command     = ", command);
-  if (level() > 1)
-    trace("TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix);
+  if (level() > 1) trace("TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix);
   if (level() > 1)
     trace("TOVNet::serviceCommand(): serviceNum  = ", serviceNum);
   if (level() == 3)
-    trace("TOVNet::serviceCommand(): authvec  = ",
-          tovUtils::vectostr(authvec));
+    trace("TOVNet::serviceCommand(): authvec  = ", tovUtils::vectostr(authvec));
 
   try {
     // The check binds every letter, also those that send no service number.
@@ -596,8 +590,7 @@ int TOVNet::serviceCommand(std::string address, std::string port,
     }
 
     bool print_command = false;
-    if (level() > 0)
-      trace("TOVNet::serviceCommand(): forcing a cache refresh");
+    if (level() > 0) trace("TOVNet::serviceCommand(): forcing a cache refresh");
     const int refreshStat = tovCache.refreshCache(address, port, true);
     if (refreshStat < 0) return refreshStat;
 
@@ -678,8 +671,7 @@ int TOVNet::serviceCommand(std::string address, std::string port,
 
     char* tmp_buf = nullptr;
     for (unsigned att_no = 0; att_no < attempts; ++att_no) {
-      const int ret =
-          tovcomms(tmp_buf, address, port, tovcommand, authvec, "");
+      const int ret = tovcomms(tmp_buf, address, port, tovcommand, authvec, "");
       if (ret != 0) return ret;
       if (tmp_buf == nullptr || tmp_buf[1] != static_cast<char>(rep_busy))
         break;
@@ -808,8 +800,7 @@ unsigned reportAnswers(const std::vector<std::string>& pooledLines, int mode,
     if (pooledLines.at(a).at(0) == 'C') {
       record.clusterLines.push_back(pooledLines[a]);
       for (std::size_t b = a + 1;
-           b < pooledLines.size() && pooledLines.at(b).at(0) == 'N';
-           ++b, ++a)
+           b < pooledLines.size() && pooledLines.at(b).at(0) == 'N'; ++b, ++a)
         record.nodeLines.push_back(pooledLines[b]);
     }
     records.push_back(std::move(record));
@@ -842,8 +833,7 @@ unsigned reportAnswers(const std::vector<std::string>& pooledLines, int mode,
 
 }  // namespace discovery
 
-int TOVNet::discoverClusters(std::string address, int mode,
-                             bool prettyPrint) {
+int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
   const std::string where = "TOVNet::discoverClusters()";
   const std::string target = address.empty() ? "255.255.255.255" : address;
   const hostent* host = gethostbyname(target.c_str());

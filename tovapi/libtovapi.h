@@ -221,16 +221,16 @@ class TOVNetCache {
   int clearCache();
   std::string addrHandler(std::string);
   std::string getHostnameForNode(std::string);
-  std::vector<std::string> tovInfoGetValueVector(std::string,
-                                                 tov_info_letters, unsigned);
+  std::vector<std::string> tovInfoGetValueVector(std::string, tov_info_letters,
+                                                 unsigned);
   std::string tovInfoGetValue(std::string, tov_info_letters, unsigned,
                               unsigned);
   int getNumberOfLetterEntries(std::string, tov_info_letters);
   std::string infoHandler(char, unsigned, unsigned, std::string, std::string);
   char infoCharHandler(char, unsigned, unsigned, std::string, std::string);
   int infoIntHandler(char, unsigned, unsigned, std::string, std::string);
-  std::vector<std::string> infoVecHandler(char, unsigned, unsigned,
-                                          std::string, std::string);
+  std::vector<std::string> infoVecHandler(char, unsigned, unsigned, std::string,
+                                          std::string);
   std::vector<std::vector<std::string>> getAllLetterInfoHandler(char,
                                                                 std::string,
                                                                 bool,
@@ -310,10 +310,9 @@ class TOVNet {
   int tovcomms(char*& buffer, std::string address, std::string port,
                std::string command, std::vector<std::string> authvec,
                std::string data);
-  int serviceCommand(std::string address, std::string port,
-                     std::string command, std::vector<std::string> authvec,
-                     unsigned serviceNum, unsigned attempts,
-                     std::string cmdSuffix);
+  int serviceCommand(std::string address, std::string port, std::string command,
+                     std::vector<std::string> authvec, unsigned serviceNum,
+                     unsigned attempts, std::string cmdSuffix);
 
  private:
   int connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,

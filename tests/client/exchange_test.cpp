@@ -54,10 +54,10 @@ TEST_F(ExchangeTest, FramesOnTheWire) {
     std::string frame;
   } cases[] = {
       {"B 1", {}, "", "B 1\n\0"s},
-      {"", {}, "", "CCN\n\0"s},                      // empty means CCN
-      {"B1\n", {}, "", "B1\n\0"s},                   // trailing LF removed
-      {"\nX", {}, "", "\nX\n\0"s},                   // LF at 0 stays
-      {"a\n\nb", {}, "", "a\nb\n\0"s},               // one of two removed
+      {"", {}, "", "CCN\n\0"s},         // empty means CCN
+      {"B1\n", {}, "", "B1\n\0"s},      // trailing LF removed
+      {"\nX", {}, "", "\nX\n\0"s},      // LF at 0 stays
+      {"a\n\nb", {}, "", "a\nb\n\0"s},  // one of two removed
       {"B 0", {"user", "digest"}, "", "B 0\nuser 00ff\n\0"s},
       {"Y 0 hi", {}, "payload", "Y 0 hi\npayload\0"s},
       {"B 0", {}, "ab\0cd"s, "B 0\nab\0\0\0\0"s},  // NUL cuts, length stays
@@ -91,8 +91,7 @@ TEST_F(ExchangeTest, AuthenticationUsesTheSaltAndTheCleanedCommand) {
 TEST_F(ExchangeTest, AuthenticationVectorsOfWrongSizeAreRejectedFirst) {
   LoopbackServer server({replying("x")});
   EXPECT_EQ(exchange(server, "B 0", {"user"}), fail(TOV_AUTH_DIGEST));
-  EXPECT_EQ(lastErrorText(),
-            "authentication vector with no digest detected\n");
+  EXPECT_EQ(lastErrorText(), "authentication vector with no digest detected\n");
   EXPECT_EQ(exchange(server, "B 0", {"a", "b", "c"}), fail(TOV_AUTH_INVALID));
   EXPECT_EQ(lastErrorText(), "invalid authentication vector detected\n");
   EXPECT_EQ(rec().errors.back().first, "TOVNet::tovcomms()");
@@ -158,10 +157,11 @@ TEST_F(ExchangeTest, FailuresLeaveTheBufferAlone) {
     Script script;
     int code;
     std::string message;  // start of the error text
-  } cases[] = {{noSalt, fail(TOV_COMMS_SALT), "host didn't return a salt: 127.0.0.1:"},
-               {lateSalt, fail(TOV_SOCK_TIMEOUT),
-                "network timed out connecting to 127.0.0.1:"},
-               {reset, fail(TOV_SOCK_RECV), "recv() command reported an error ["}};
+  } cases[] = {
+      {noSalt, fail(TOV_COMMS_SALT), "host didn't return a salt: 127.0.0.1:"},
+      {lateSalt, fail(TOV_SOCK_TIMEOUT),
+       "network timed out connecting to 127.0.0.1:"},
+      {reset, fail(TOV_SOCK_RECV), "recv() command reported an error ["}};
   for (const auto& c : cases) {
     doubles::reset();
     LoopbackServer server({c.script});
@@ -177,9 +177,9 @@ TEST_F(ExchangeTest, RefusedAndUnresolvable) {
             fail(TOV_SOCK_CONNECT));
   EXPECT_EQ(lastErrorText().rfind("cannot connect to server 127.0.0.1: ", 0),
             0u);
-  EXPECT_EQ(net.tovcomms(buffer, clienttest::kUnresolvable, "1195", "B 0", {},
-                         ""),
-            fail(TOV_SOCK_RESOLVE_HOST));
+  EXPECT_EQ(
+      net.tovcomms(buffer, clienttest::kUnresolvable, "1195", "B 0", {}, ""),
+      fail(TOV_SOCK_RESOLVE_HOST));
   EXPECT_EQ(lastErrorText(), "failed to get address info for bad..host:1195\n");
   EXPECT_EQ(buffer, sentinel);
 }
@@ -225,8 +225,9 @@ TEST_F(ExchangeTest, TracesFollowTheLevel) {
   EXPECT_EQ(rec().writes.at(0), "TOVNet::tovcomms(): called\n");
   EXPECT_EQ(rec().writes.at(1), "TOVNet::tovcomms(): address  = 127.0.0.1\n");
   EXPECT_EQ(rec().writes.at(3), "TOVNet::tovcomms(): command  = B 0\n");
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): setting socket timeout of 3 "
-                          "second(s) and 0 micro-second(s)\n"));
+  EXPECT_TRUE(
+      rec().wrote("TOVNet::tovcomms(): setting socket timeout of 3 "
+                  "second(s) and 0 micro-second(s)\n"));
   EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): auth object NOT provided\n"));
   EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): TOV response message: Ba ok\n"));
   EXPECT_FALSE(rec().wrote("authvec  ="));
@@ -268,7 +269,8 @@ TEST_F(ExchangeTest, ConnectTimeoutOutcomes) {
   fd = socket(AF_INET, SOCK_STREAM, 0);
   const int rc = privileged::connectTimeout(
       net, fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr, 1, 0);
-  EXPECT_TRUE(rc == fail(TOV_SOCK_CONNECT) || rc == fail(TOV_SOCK_GETOPTS)) << rc;
+  EXPECT_TRUE(rc == fail(TOV_SOCK_CONNECT) || rc == fail(TOV_SOCK_GETOPTS))
+      << rc;
   EXPECT_NE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK, 0);
   close(fd);
 }

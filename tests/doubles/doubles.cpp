@@ -82,8 +82,8 @@ std::string Auth::generateAuthline(std::vector<std::string> authvec,
   return rec().authline;
 }
 
-TOVNetCache::TOVNetCache() : hints(), res(nullptr), ipaddr(), PollTime(0),
-                             LastUpdated(0), now(0) {}
+TOVNetCache::TOVNetCache()
+    : hints(), res(nullptr), ipaddr(), PollTime(0), LastUpdated(0), now(0) {}
 int TOVNetCache::refreshCache(std::string address, std::string port,
                               bool force) {
   rec().refreshCalls.push_back({address, port, force});

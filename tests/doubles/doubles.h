@@ -25,9 +25,9 @@ struct AuthlineCall {
 struct Recorder {
   // Diagnostics.
   int level = 0;
-  std::vector<std::string> writes;                           // write() texts
-  std::vector<std::pair<std::string, std::string>> errors;   // error()
-  std::vector<int> setErrors;                                // setError()
+  std::vector<std::string> writes;                          // write() texts
+  std::vector<std::pair<std::string, std::string>> errors;  // error()
+  std::vector<int> setErrors;                               // setError()
 
   // Cache.
   std::vector<RefreshCall> refreshCalls;
