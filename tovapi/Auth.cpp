@@ -1,0 +1,228 @@
+// Authentication: password digests, the salt conversion and the
+// authentication line that accompanies a request. All hashing is done by
+// libcrypto.
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "libtovapi.h"
+
+namespace tov1 {
+
+Auth tovAuth;
+
+namespace {
+
+const std::size_t kDigestBytes = 32;  // SHA-256
+const std::size_t kDigestHex = 2 * kDigestBytes;
+const std::size_t kDigestWords = 8;
+const std::size_t kSaltHex = 8;
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool isHex(const std::string& text, std::size_t length) {
+  if (text.size() != length) return false;
+  for (char c : text) {
+    if (hexValue(c) < 0) return false;
+  }
+  return true;
+}
+
+std::string toHex(const unsigned char* bytes, std::size_t length) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(2 * length);
+  for (std::size_t i = 0; i < length; ++i) {
+    out += kDigits[bytes[i] >> 4];
+    out += kDigits[bytes[i] & 0x0f];
+  }
+  return out;
+}
+
+// Bytes encoded by an even-length run of hex digits (validated by caller).
+std::string fromHex(const std::string& hex) {
+  std::string out;
+  out.reserve(hex.size() / 2);
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out += static_cast<char>((hexValue(hex[i]) << 4) | hexValue(hex[i + 1]));
+  }
+  return out;
+}
+
+void reportError(const char* location, const std::string& message) {
+  std::stringstream ss;
+  ss << message << std::endl;
+  tovDebug.error(location, ss);
+}
+
+// Restores the terminal's echo however the password read ends.
+class EchoOff {
+ public:
+  explicit EchoOff(int fd) : fd_(fd) {
+    if (!isatty(fd_) || tcgetattr(fd_, &saved_) != 0) return;
+    termios quiet = saved_;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    quiet.c_lflag |= ECHONL;
+    active_ = tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
+  }
+  ~EchoOff() {
+    if (active_) tcsetattr(fd_, TCSAFLUSH, &saved_);
+  }
+  EchoOff(const EchoOff&) = delete;
+  EchoOff& operator=(const EchoOff&) = delete;
+
+ private:
+  int fd_;
+  termios saved_{};
+  bool active_ = false;
+};
+
+}  // namespace
+
+std::string Auth::generateAuthline(std::vector<std::string> authvec,
+                                   std::string binsalt, std::string command) {
+  if (authvec.size() != 2) {
+    reportError("Auth::generateAuthline()",
+                "authentication vector must hold a user and a digest, got " +
+                    std::to_string(authvec.size()) + " element(s)");
+    tovDebug.setError(TOV_AUTH_GENDIGEST);
+    return "";
+  }
+  if (!isHex(authvec[1], kDigestHex)) {
+    reportError("Auth::generateAuthline()",
+                "password digest of user \"" + authvec[0] +
+                    "\" is not 64 hexadecimal digits");
+    tovDebug.setError(TOV_AUTH_GENDIGEST);
+    return "";
+  }
+  std::string key = fromHex(authvec[1]);
+  std::string message = binsalt + command;
+  unsigned char mac[EVP_MAX_MD_SIZE];
+  std::size_t macLength = 0;
+  unsigned char* done =
+      EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr,
+                reinterpret_cast<const unsigned char*>(key.data()), key.size(),
+                reinterpret_cast<const unsigned char*>(message.data()),
+                message.size(), mac, sizeof mac, &macLength);
+  OPENSSL_cleanse(&key[0], key.size());
+  if (done == nullptr) {
+    reportError("Auth::generateAuthline()", "HMAC-SHA-256 computation failed");
+    tovDebug.setError(TOV_AUTH_GENDIGEST);
+    return "";
+  }
+  if (tovDebug.getDebugLevel() == 3) {
+    std::stringstream ss;
+    ss << "Auth::generateAuthline(): authentication line for user "
+       << authvec[0] << std::endl;
+    tovDebug.write(ss);
+  }
+  return authvec[0] + " " + toHex(mac, macLength);
+}
+
+std::string Auth::getBin(std::string salt) {
+  if (!isHex(salt, kSaltHex)) return salt;
+  return fromHex(salt);
+}
+
+int Auth::asciiToDigest(std::string hex, unsigned* words) {
+  if (words == nullptr || !isHex(hex, kDigestHex)) {
+    return tovDebug.setError(TOV_AUTH_GENDIGEST);
+  }
+  for (std::size_t w = 0; w < kDigestWords; ++w) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+      value =
+          (value << 4) | static_cast<std::uint32_t>(hexValue(hex[w * 8 + i]));
+    }
+    words[w] = value;
+  }
+  return 0;
+}
+
+std::string Auth::getPwdDigest(std::string password) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (EVP_Digest(password.data(), password.size(), md, &length, EVP_sha256(),
+                 nullptr) != 1) {
+    reportError("Auth::getPwdDigest()", "SHA-256 computation failed");
+    tovDebug.setError(TOV_AUTH_GENDIGEST);
+    return "";
+  }
+  return toHex(md, length);
+}
+
+std::string Auth::msgHexDigest(unsigned* words) {
+  std::string raw = msgDigest(words);
+  return toHex(reinterpret_cast<const unsigned char*>(raw.data()), raw.size());
+}
+
+std::string Auth::msgDigest(unsigned* words) {
+  if (words == nullptr) return "";
+  std::string out;
+  out.reserve(kDigestBytes);
+  for (std::size_t w = 0; w < kDigestWords; ++w) {
+    out += intToBin(words[w]);
+  }
+  return out;
+}
+
+std::string Auth::getAdminDigest() {
+  return getAdminHash(getUserPass("admin password: "));
+}
+
+std::string Auth::getAdminHash(std::string password) {
+  return getPwdDigest(password);
+}
+
+std::string Auth::getUserPass(std::string prompt) {
+  std::cerr << prompt << std::flush;
+  std::string password;
+  {
+    // On a terminal the typed text stays hidden; anything else (a pipe, a
+    // file) is simply read, one line.
+    EchoOff quiet(STDIN_FILENO);
+    std::getline(std::cin, password);
+  }
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  return password;
+}
+
+std::string Auth::intToBin(unsigned long value) {
+  std::string out(4, '\0');
+  for (int i = 3; i >= 0; --i) {
+    out[static_cast<std::size_t>(i)] = static_cast<char>(value & 0xff);
+    value >>= 8;
+  }
+  return out;
+}
+
+std::vector<std::string> Auth::genObject(std::string user, std::string password,
+                                         std::string digest) {
+  if (digest.empty()) return {user, getPwdDigest(password)};
+  if (!isHex(digest, kDigestHex)) {
+    // A vector without a digest makes any exchange refuse it plainly,
+    // instead of sending a request with an authentication line that can
+    // never match.
+    reportError("Auth::genObject()",
+                "given password digest is not 64 hexadecimal digits");
+    tovDebug.setError(TOV_AUTH_GENDIGEST);
+    return {user};
+  }
+  for (char& c : digest) {
+    if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return {user, digest};
+}
+
+}  // namespace tov1
