@@ -1,0 +1,58 @@
+// Private networks for tests: network namespaces that the test creates
+// itself, joined by veth pairs, with addresses from 198.18.0.0/15. Nothing
+// here ever touches the host's own network; everything is removed again when
+// the lab object goes away.
+#ifndef TESTS_NETNS_NETNS_LAB_H
+#define TESTS_NETNS_NETNS_LAB_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace netnstest {
+
+// What a function run inside a namespace reports back.
+struct Outcome {
+  int status = -1;     // the function's return value; -1 if it died
+  std::string output;  // what it wrote to standard output
+};
+
+class NetnsLab {
+ public:
+  NetnsLab();
+  ~NetnsLab();
+  NetnsLab(const NetnsLab&) = delete;
+  NetnsLab& operator=(const NetnsLab&) = delete;
+
+  // False, with the reason, where namespaces cannot be made (not root, no
+  // iproute2, a kernel that refuses).
+  bool available(std::string* why);
+
+  // Creates a namespace with loopback up; returns its full name.
+  std::string add(const std::string& shortName);
+  // Runs `ip <args>` inside a namespace ("" for the test's own); false on
+  // failure.
+  bool ip(const std::string& ns, const std::string& args);
+  // Starts a program inside a namespace; it is killed with the lab.
+  pid_t spawn(const std::string& ns, const std::vector<std::string>& argv);
+  // Runs fn in a child process inside the namespace, with a time limit.
+  Outcome runIn(const std::string& ns, const std::function<int()>& fn,
+                int limitSec = 20);
+
+ private:
+  std::string prefix_;
+  std::vector<std::string> namespaces_;
+  std::vector<pid_t> children_;
+};
+
+// Runs fn in a child process inside a fresh, unnamed namespace whose setup
+// commands (ip arguments, one per entry) are applied first. status 77 means
+// the namespace could not be made.
+Outcome runIsolated(const std::vector<std::string>& setup,
+                    const std::function<int()>& fn, int limitSec = 20);
+
+}  // namespace netnstest
+
+#endif  // TESTS_NETNS_NETNS_LAB_H
