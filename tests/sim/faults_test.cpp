@@ -1,0 +1,377 @@
+// Fault injection, robustness, discovery and process lifecycle of the
+// simulator.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "raw_client.h"
+#include "support/sim.h"
+
+namespace {
+
+using rawtest::exchange;
+using rawtest::fields;
+using rawtest::lines;
+using rawtest::readSome;
+using rawtest::readToClose;
+using simtest::SimOptions;
+using simtest::SimProcess;
+using Clock = std::chrono::steady_clock;
+
+const std::string kUser = "admin";
+const std::string kPass = "secret";
+
+SimOptions faulty(std::vector<std::string> args) {
+  SimOptions o;
+  o.configJson = simtest::defaultConfigJson();
+  o.extraArgs = std::move(args);
+  return o;
+}
+
+char letterOf(const std::string& reply) {
+  return reply.size() >= 2 ? reply[1] : '\0';
+}
+
+long long msSince(Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t)
+      .count();
+}
+
+// What "V 0" gets from a simulator without faults.
+std::string plainVersionReply() {
+  static const std::string reply = [] {
+    SimProcess sim(faulty({}));
+    return exchange(sim.port(), "V 0").bytes;
+  }();
+  return reply;
+}
+
+TEST(SimFaults, BusyAnswersFirstRequestsButNeverTheInformationRequest) {
+  SimProcess sim(faulty({"--busy", "2"}));
+  EXPECT_EQ(lines(exchange(sim.port(), "O 0").bytes)[0], "Ok daemon busy");
+  EXPECT_EQ(letterOf(exchange(sim.port(), "CCN").bytes), 'n');
+  EXPECT_EQ(letterOf(exchange(sim.port(), "B 0", kUser, kPass).bytes), 'k');
+  EXPECT_EQ(letterOf(exchange(sim.port(), "B 0", kUser, kPass).bytes), 'a');
+  EXPECT_EQ(letterOf(exchange(sim.port(), "O 0").bytes), 'n');
+}
+
+TEST(SimFaults, FaultLetterLimitsBusyAndReplyFaults) {
+  SimProcess sim(
+      faulty({"--busy", "1", "--fault-letter", "B", "--cut-after", "1"}));
+  EXPECT_EQ(letterOf(exchange(sim.port(), "O 0").bytes), 'n');
+  EXPECT_EQ(exchange(sim.port(), "B 0", kUser, kPass).bytes, "B");
+  EXPECT_EQ(letterOf(exchange(sim.port(), "O 0").bytes), 'n');
+}
+
+TEST(SimFaults, CommandLineFaultsWinOverTheFile) {
+  SimOptions o;
+  o.configJson = R"({"services": [{"name": "a"}],
+                     "faults": {"busy": 5, "pad_to": 300}})";
+  o.extraArgs = {"--busy", "1"};
+  SimProcess sim(o);
+  const auto first = exchange(sim.port(), "O 0");
+  EXPECT_EQ(letterOf(first.bytes), 'k');
+  EXPECT_EQ(first.bytes.size(), 300u) << "file setting kept";
+  EXPECT_EQ(letterOf(exchange(sim.port(), "O 0").bytes), 'n');
+}
+
+TEST(SimFaults, ShortSaltSendsOnlyThatManyBytes) {
+  SimProcess sim(faulty({"--short-salt", "3"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  const std::string salt = readSome(s.fd(), 8, 300);
+  ASSERT_EQ(salt.size(), 3u);
+  // A client works on the bytes it got, zero-filled to 8; so does the
+  // simulator when it checks the digest.
+  std::string seen = salt;
+  seen.resize(8, '\0');
+  rawtest::sendAll(
+      s.fd(),
+      rawtest::frame("G 0", rawtest::authLine(kUser, kPass, seen, "G 0")));
+  EXPECT_EQ(letterOf(readToClose(s.fd())), 'a');
+}
+
+TEST(SimFaults, NoSaltClosesRightAfterAccept) {
+  SimProcess sim(faulty({"--no-salt"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  bool eof = false;
+  int err = 0;
+  EXPECT_EQ(readSome(s.fd(), 8, 3000, &err, &eof), "");
+  EXPECT_TRUE(eof);
+  EXPECT_EQ(err, 0);
+}
+
+TEST(SimFaults, LateSaltAndReplyDelayWaitBeforeSending) {
+  SimProcess sim(faulty({"--late-salt", "500", "--reply-delay", "200"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  const auto t0 = Clock::now();
+  EXPECT_EQ(readSome(s.fd(), 8, 100), "") << "nothing before the delay";
+  EXPECT_EQ(readSome(s.fd(), 8, 5000).size(), 8u);
+  EXPECT_GE(msSince(t0), 490);
+  const auto t1 = Clock::now();
+  rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
+  EXPECT_EQ(letterOf(readToClose(s.fd())), 'n');
+  EXPECT_GE(msSince(t1), 190);
+}
+
+TEST(SimFaults, ChunkedReplyArrivesInPausedPieces) {
+  const std::size_t total = plainVersionReply().size();
+  SimProcess sim(faulty({"--chunk", "10", "--chunk-pause", "40"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  readSome(s.fd(), 8, 5000);
+  const auto t0 = Clock::now();
+  rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
+  std::vector<std::size_t> pieces;
+  EXPECT_EQ(readToClose(s.fd(), nullptr, &pieces), plainVersionReply());
+  const std::size_t chunks = (total + 9) / 10;
+  EXPECT_GE(pieces.size(), 2u);
+  EXPECT_GE(msSince(t0), static_cast<long long>(chunks - 1) * 40 * 9 / 10);
+}
+
+TEST(SimFaults, CutReplyEndsWithAnOrdinaryClose) {
+  SimProcess sim(faulty({"--cut-after", "10"}));
+  const auto r = exchange(sim.port(), "V 0");
+  EXPECT_EQ(r.err, 0);
+  EXPECT_EQ(r.bytes, plainVersionReply().substr(0, 10));
+}
+
+TEST(SimFaults, ResetAfterBytesGivesConnectionReset) {
+  SimProcess sim(faulty({"--reset-after", "5"}));
+  const auto r = exchange(sim.port(), "V 0");
+  EXPECT_EQ(r.err, ECONNRESET);
+  EXPECT_EQ(r.bytes, plainVersionReply().substr(0, 5));
+}
+
+TEST(SimFaults, PaddingFillsTheReplyToTheExactSize) {
+  const std::string plain = plainVersionReply();
+  const long n = static_cast<long>(plain.size());
+  for (long target : {n - 5, n, n + 1, n + 2, n + 3, n + 100, 5000L}) {
+    SimProcess sim(faulty({"--pad-to", std::to_string(target)}));
+    const std::string r = exchange(sim.port(), "V 0").bytes;
+    if (target <= n) {
+      EXPECT_EQ(r, plain) << target;
+      continue;
+    }
+    EXPECT_EQ(static_cast<long>(r.size()), target);
+    EXPECT_EQ(r.find('\0'), r.size() - 1) << target;
+    EXPECT_EQ(r.compare(0, plain.size() - 1, plain, 0, plain.size() - 1), 0)
+        << "the reply itself comes first";
+    for (const std::string& l : lines(r.substr(plain.size() - 1))) {
+      EXPECT_EQ(l[0], '#') << target;
+    }
+  }
+}
+
+TEST(SimRobustness, FrameWithoutNulIsDroppedAfterTheReadTimeout) {
+  SimProcess sim(faulty({"--read-timeout", "0.3"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  readSome(s.fd(), 8, 5000);
+  rawtest::sendAll(s.fd(), "B 0\n");
+  int err = 0;
+  EXPECT_EQ(readToClose(s.fd(), &err), "");
+  EXPECT_NE(err, EAGAIN) << "closed by the simulator, not our timeout";
+  EXPECT_NE(sim.log().find("no complete request frame"), std::string::npos)
+      << sim.log();
+  EXPECT_EQ(letterOf(exchange(sim.port(), "V 0").bytes), 'n');
+}
+
+TEST(SimRobustness, OversizedFrameIsRefused) {
+  SimProcess sim(faulty({"--max-frame", "64"}));
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  readSome(s.fd(), 8, 5000);
+  rawtest::sendAll(s.fd(), std::string(200, 'B'));
+  int err = 0;
+  EXPECT_EQ(readToClose(s.fd(), &err), "");
+  EXPECT_NE(sim.log().find("larger than 64 bytes"), std::string::npos)
+      << sim.log();
+  EXPECT_EQ(letterOf(exchange(sim.port(), "V 0").bytes), 'n');
+}
+
+TEST(SimRobustness, ClientsThatLeaveEarlyDoNotDisturbOthers) {
+  SimProcess sim(faulty({}));
+  for (int i = 0; i < 5; ++i) {
+    rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+    if (i % 2 == 1) readSome(s.fd(), 8, 5000);
+  }
+  {
+    rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+    readSome(s.fd(), 8, 5000);
+    rawtest::sendAll(s.fd(), "B 0");
+  }
+  EXPECT_EQ(letterOf(exchange(sim.port(), "V 0").bytes), 'n');
+  EXPECT_TRUE(sim.running());
+}
+
+TEST(SimRobustness, ServesConnectionsConcurrently) {
+  SimProcess sim(faulty({}));
+  std::vector<rawtest::Socket> socks;
+  std::vector<std::string> salts;
+  // Every client holds its connection open while the next one connects;
+  // each still gets its salt at once.
+  for (int i = 0; i < 6; ++i) {
+    socks.push_back(rawtest::connectTcp("127.0.0.1", sim.port()));
+    salts.push_back(readSome(socks.back().fd(), 8, 5000));
+    ASSERT_EQ(salts.back().size(), 8u) << i;
+  }
+  for (std::size_t i = socks.size(); i-- > 0;) {
+    rawtest::sendAll(socks[i].fd(), rawtest::frame("V 0"));
+    EXPECT_EQ(letterOf(readToClose(socks[i].fd())), 'n');
+  }
+}
+
+// A UDP port free on every address given.
+int freeUdpPort(const std::vector<std::string>& addrs) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    std::vector<rawtest::Socket> held;
+    int port = 0;
+    bool ok = true;
+    for (const std::string& a : addrs) {
+      rawtest::Socket s(socket(AF_INET, SOCK_DGRAM, 0));
+      sockaddr_in sa{};
+      sa.sin_family = AF_INET;
+      sa.sin_port = htons(static_cast<uint16_t>(port));
+      inet_pton(AF_INET, a.c_str(), &sa.sin_addr);
+      if (bind(s.fd(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+        ok = false;
+        break;
+      }
+      socklen_t len = sizeof sa;
+      getsockname(s.fd(), reinterpret_cast<sockaddr*>(&sa), &len);
+      port = ntohs(sa.sin_port);
+      held.push_back(std::move(s));
+    }
+    if (ok) return port;
+  }
+  throw std::runtime_error("no free UDP port");
+}
+
+struct Datagram {
+  std::string text;
+  std::string from;
+};
+
+// Sends `probe` to address:port and collects what comes back within `ms`.
+std::vector<Datagram> probe(const std::string& address, int port,
+                            const std::string& probe, int ms) {
+  rawtest::Socket s(socket(AF_INET, SOCK_DGRAM, 0));
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, address.c_str(), &sa.sin_addr);
+  sendto(s.fd(), probe.data(), probe.size(), 0,
+         reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+  std::vector<Datagram> out;
+  const auto t0 = Clock::now();
+  while (msSince(t0) < ms && out.size() < 10) {
+    pollfd p{s.fd(), POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(ms - msSince(t0))) <= 0) break;
+    char buf[2048];
+    sockaddr_in from{};
+    socklen_t len = sizeof from;
+    const ssize_t n = recvfrom(s.fd(), buf, sizeof buf, 0,
+                               reinterpret_cast<sockaddr*>(&from), &len);
+    if (n < 0) break;
+    char host[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &from.sin_addr, host, sizeof host);
+    out.push_back({std::string(buf, static_cast<std::size_t>(n)), host});
+  }
+  return out;
+}
+
+const char* kTwoNodes = R"({
+  "cluster": {"name": "duo", "bootstrap": true},
+  "nodes": [{"name": "n2", "address": "127.0.0.2"},
+            {"name": "n3", "address": "127.0.0.3"}],
+  "services": [{"name": "web", "state": "running", "mode": "auto",
+                "node": "n2"}]
+})";
+
+TEST(SimUdp, EachListenAddressAnswersTheProbeOnce) {
+  const std::vector<std::string> addrs{"127.0.0.2", "127.0.0.3"};
+  SimOptions o;
+  o.configJson = kTwoNodes;
+  o.listen = addrs;
+  o.udpPort = freeUdpPort(addrs);
+  SimProcess sim(o);
+  const std::string probeBytes(8, '\xCD');
+  for (const std::string& a : addrs) {
+    const auto got = probe(a, o.udpPort, probeBytes, 400);
+    ASSERT_EQ(got.size(), 1u) << a;
+    EXPECT_EQ(got[0].from, a);
+    const auto ls = lines(got[0].text);
+    ASSERT_EQ(ls.size(), 3u) << got[0].text;
+    const auto c = fields(ls[0]);
+    ASSERT_EQ(c.size(), 13u) << ls[0];
+    EXPECT_EQ(c[1], "duo");
+    EXPECT_EQ(c[10], "1");
+    EXPECT_EQ(c[11], a == "127.0.0.2" ? "n2" : "n3") << "machine of the node";
+    EXPECT_EQ(ls[1], "N n2 127.0.0.2 4");
+    EXPECT_EQ(ls[2], "N n3 127.0.0.3 4");
+    EXPECT_EQ(got[0].text.find('\0'), std::string::npos);
+  }
+}
+
+TEST(SimUdp, AnythingButTheProbeIsIgnored) {
+  SimOptions o;
+  o.configJson = simtest::defaultConfigJson();
+  o.udpPort = freeUdpPort({"127.0.0.1"});
+  SimProcess sim(o);
+  for (const std::string& d : {std::string(7, '\xCD'), std::string(9, '\xCD'),
+                               std::string(8, '\xCC'), std::string("CCN\n")}) {
+    EXPECT_TRUE(probe("127.0.0.1", o.udpPort, d, 200).empty()) << d.size();
+  }
+  EXPECT_EQ(probe("127.0.0.1", o.udpPort, std::string(8, '\xCD'), 800).size(),
+            1u);
+}
+
+TEST(SimMultiNode, EveryAddressServesTcpOnOnePort) {
+  SimOptions o;
+  o.configJson = kTwoNodes;
+  o.listen = {"127.0.0.2", "127.0.0.3"};
+  SimProcess sim(o);
+  EXPECT_EQ(
+      letterOf(exchange(sim.port(), "B 0", "", "", "", "127.0.0.3").bytes),
+      'a');
+  const auto ls =
+      lines(exchange(sim.port(), "O 0", "", "", "", "127.0.0.2").bytes);
+  ASSERT_EQ(ls.size(), 2u);
+  EXPECT_EQ(ls[1], "S 0 web running auto 0 n3") << "bounced on the asked node";
+  const auto hb =
+      lines(exchange(sim.port(), "N 0", "", "", "", "127.0.0.2").bytes);
+  ASSERT_EQ(hb.size(), 3u);
+  EXPECT_EQ(hb[1], "n2 127.0.0.2 up");
+}
+
+TEST(SimLifecycle, SigtermStopsPromptlyAndCleanly) {
+  SimProcess sim(faulty({"--reply-delay", "60000"}));
+  // A connection stuck in a long delay must not hold the stop up.
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  readSome(s.fd(), 8, 5000);
+  rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
+  const auto t0 = Clock::now();
+  sim.stop();
+  EXPECT_LT(msSince(t0), 4000);
+  EXPECT_EQ(sim.exitStatus(), 0) << sim.log();
+  EXPECT_NE(sim.log().find("stopping"), std::string::npos);
+}
+
+TEST(SimLifecycle, StopsByItselfAfterItsLifetime) {
+  SimOptions o = faulty({});
+  o.maxLifetimeSec = 1;
+  SimProcess sim(o);
+  for (int i = 0; i < 500 && sim.running(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_FALSE(sim.running());
+  EXPECT_EQ(sim.exitStatus(), 0);
+  EXPECT_NE(sim.log().find("maximum lifetime"), std::string::npos);
+}
+
+}  // namespace

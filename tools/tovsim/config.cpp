@@ -1,0 +1,392 @@
+#include "config.h"
+
+#include <arpa/inet.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+
+namespace tovsim {
+
+using nlohmann::json;
+
+const char* stateName(ServiceState s) {
+  switch (s) {
+    case ServiceState::Running:
+      return "running";
+    case ServiceState::Stopped:
+      return "stopped";
+    case ServiceState::Starting:
+      return "starting";
+    case ServiceState::Stopping:
+      return "stopping";
+    case ServiceState::Broken:
+      return "broken";
+  }
+  return "unknown";
+}
+
+std::uint32_t crc32(const std::string& bytes) {
+  static const auto table = [] {
+    std::array<std::uint32_t, 256> t{};
+    for (std::uint32_t i = 0; i < 256; ++i) {
+      std::uint32_t c = i;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+      t[i] = c;
+    }
+    return t;
+  }();
+  std::uint32_t crc = 0xFFFFFFFFu;
+  for (unsigned char b : bytes) crc = table[(crc ^ b) & 0xFF] ^ (crc >> 8);
+  return crc ^ 0xFFFFFFFFu;
+}
+
+int addressFamily(const std::string& address) {
+  unsigned char buf[sizeof(struct in6_addr)];
+  if (inet_pton(AF_INET, address.c_str(), buf) == 1) return 4;
+  if (inet_pton(AF_INET6, address.c_str(), buf) == 1) return 6;
+  return 0;
+}
+
+namespace {
+
+[[noreturn]] void fail(const std::string& where, const std::string& what) {
+  throw ConfigError(where + ": " + what);
+}
+
+void onlyKeys(const json& obj, const std::string& where,
+              std::initializer_list<const char*> allowed) {
+  if (!obj.is_object()) fail(where, "expected an object");
+  for (auto it = obj.begin(); it != obj.end(); ++it) {
+    bool known = false;
+    for (const char* k : allowed) known = known || it.key() == k;
+    if (!known) fail(where, "unknown key \"" + it.key() + "\"");
+  }
+}
+
+std::string getString(const json& obj, const std::string& where,
+                      const char* key, const std::string& def,
+                      bool allowEmpty = false) {
+  if (!obj.contains(key)) return def;
+  const json& v = obj.at(key);
+  if (!v.is_string()) fail(where + "." + key, "expected a string");
+  std::string s = v.get<std::string>();
+  if (s.empty() && !allowEmpty) fail(where + "." + key, "must not be empty");
+  for (char c : s) {
+    if (c == '\n' || c == '\r' || c == '\0') {
+      fail(where + "." + key, "must not contain line breaks or NUL");
+    }
+  }
+  return s;
+}
+
+long long getInt(const json& obj, const std::string& where, const char* key,
+                 long long def, long long lo, long long hi) {
+  if (!obj.contains(key)) return def;
+  const json& v = obj.at(key);
+  if (!v.is_number_integer()) fail(where + "." + key, "expected an integer");
+  const long long n = v.get<long long>();
+  if (n < lo || n > hi) {
+    fail(where + "." + key, "must be between " + std::to_string(lo) + " and " +
+                                std::to_string(hi));
+  }
+  return n;
+}
+
+bool getBool(const json& obj, const std::string& where, const char* key,
+             bool def) {
+  if (!obj.contains(key)) return def;
+  const json& v = obj.at(key);
+  if (v.is_boolean()) return v.get<bool>();
+  if (v.is_number_integer() && (v == 0 || v == 1)) return v == 1;
+  fail(where + "." + key, "expected true/false (or 0/1)");
+}
+
+std::array<unsigned char, 32> sha256(const std::string& text) {
+  std::array<unsigned char, 32> out{};
+  unsigned int len = 0;
+  if (EVP_Digest(text.data(), text.size(), out.data(), &len, EVP_sha256(),
+                 nullptr) != 1 ||
+      len != out.size()) {
+    throw ConfigError("SHA-256 digest failed");
+  }
+  return out;
+}
+
+bool hexDigest(const std::string& hex, std::array<unsigned char, 32>& out) {
+  if (hex.size() != 64) return false;
+  for (std::size_t i = 0; i < 32; ++i) {
+    unsigned v = 0;
+    for (int k = 0; k < 2; ++k) {
+      const char c = static_cast<char>(
+          std::tolower(static_cast<unsigned char>(hex[2 * i + k])));
+      v <<= 4;
+      if (c >= '0' && c <= '9') {
+        v |= static_cast<unsigned>(c - '0');
+      } else if (c >= 'a' && c <= 'f') {
+        v |= static_cast<unsigned>(c - 'a' + 10);
+      } else {
+        return false;
+      }
+    }
+    out[i] = static_cast<unsigned char>(v);
+  }
+  return true;
+}
+
+void parseFaults(const json& f, Faults& out) {
+  const std::string w = "faults";
+  onlyKeys(
+      f, w,
+      {"busy", "short_salt", "no_salt", "late_salt", "reply_delay", "chunk",
+       "chunk_pause", "cut_after", "reset_after", "pad_to", "fault_letter"});
+  const long long maxMs = 600000;
+  out.busy = static_cast<int>(getInt(f, w, "busy", out.busy, 0, 1000000));
+  out.shortSalt =
+      static_cast<int>(getInt(f, w, "short_salt", out.shortSalt, -1, 7));
+  out.noSalt = getBool(f, w, "no_salt", out.noSalt);
+  out.lateSaltMs =
+      static_cast<int>(getInt(f, w, "late_salt", out.lateSaltMs, 0, maxMs));
+  out.replyDelayMs =
+      static_cast<int>(getInt(f, w, "reply_delay", out.replyDelayMs, 0, maxMs));
+  out.chunkBytes =
+      static_cast<int>(getInt(f, w, "chunk", out.chunkBytes, 0, 1 << 20));
+  out.chunkPauseMs =
+      static_cast<int>(getInt(f, w, "chunk_pause", out.chunkPauseMs, 0, maxMs));
+  out.cutAfter =
+      static_cast<long>(getInt(f, w, "cut_after", out.cutAfter, -1, 1 << 24));
+  out.resetAfter = static_cast<long>(
+      getInt(f, w, "reset_after", out.resetAfter, -1, 1 << 24));
+  out.padTo = static_cast<long>(getInt(f, w, "pad_to", out.padTo, 0, 1 << 24));
+  const std::string letter = getString(f, w, "fault_letter", "", true);
+  if (letter.size() > 1) fail(w + ".fault_letter", "expected one character");
+  out.onlyLetter = letter.empty() ? 0 : letter[0];
+}
+
+}  // namespace
+
+void checkFaults(const Faults& f) {
+  if (f.busy < 0) throw ConfigError("busy: must not be negative");
+  if (f.shortSalt < -1 || f.shortSalt > 7) {
+    throw ConfigError("short salt: must be between 0 and 7 bytes");
+  }
+  if (f.lateSaltMs < 0 || f.replyDelayMs < 0 || f.chunkPauseMs < 0) {
+    throw ConfigError("delays must not be negative");
+  }
+  if (f.chunkBytes < 0) throw ConfigError("chunk: must not be negative");
+  if (f.cutAfter < -1 || f.resetAfter < -1) {
+    throw ConfigError("cut/reset: byte counts must not be negative");
+  }
+  if (f.padTo < 0) throw ConfigError("pad: must not be negative");
+}
+
+Config parseConfig(const std::string& text) {
+  json root;
+  try {
+    root = json::parse(text);
+  } catch (const json::parse_error& e) {
+    throw ConfigError(std::string("not valid JSON: ") + e.what());
+  }
+  Config cfg;
+  onlyKeys(root, "top level",
+           {"cluster", "listen", "nodes", "services", "users", "faults"});
+
+  if (root.contains("cluster")) {
+    const json& c = root.at("cluster");
+    const std::string w = "cluster";
+    onlyKeys(c, w,
+             {"name", "serial", "poll_time", "bootstrap", "machine_ident",
+              "machine_desc"});
+    cfg.clusterName = getString(c, w, "name", cfg.clusterName);
+    if (c.contains("serial") && c.at("serial").is_number_integer()) {
+      cfg.serial = std::to_string(c.at("serial").get<long long>());
+    } else {
+      cfg.serial = getString(c, w, "serial", cfg.serial);
+    }
+    cfg.pollTime = static_cast<int>(getInt(c, w, "poll_time", 1, 0, 3600));
+    cfg.bootstrap = getBool(c, w, "bootstrap", false);
+    cfg.machineIdent = getString(c, w, "machine_ident", "", true);
+    cfg.machineDesc = getString(c, w, "machine_desc", cfg.machineDesc, true);
+  }
+
+  if (root.contains("listen")) {
+    const json& l = root.at("listen");
+    if (!l.is_array()) fail("listen", "expected an array of addresses");
+    for (std::size_t i = 0; i < l.size(); ++i) {
+      const std::string w = "listen[" + std::to_string(i) + "]";
+      if (!l[i].is_string() || addressFamily(l[i].get<std::string>()) == 0) {
+        fail(w, "expected a numeric IP address");
+      }
+      cfg.listen.push_back(l[i].get<std::string>());
+    }
+  }
+
+  std::set<std::string> seen;
+  if (root.contains("nodes")) {
+    const json& ns = root.at("nodes");
+    if (!ns.is_array()) fail("nodes", "expected an array");
+    for (std::size_t i = 0; i < ns.size(); ++i) {
+      const std::string w = "nodes[" + std::to_string(i) + "]";
+      onlyKeys(ns[i], w, {"name", "address", "family"});
+      NodeConfig n;
+      n.name = getString(ns[i], w, "name", "");
+      if (n.name.empty()) fail(w + ".name", "is required");
+      if (!seen.insert(n.name).second) fail(w + ".name", "duplicate node name");
+      n.address = getString(ns[i], w, "address", "");
+      const int fam = addressFamily(n.address);
+      if (fam == 0) fail(w + ".address", "expected a numeric IP address");
+      n.family = static_cast<int>(getInt(ns[i], w, "family", fam, 4, 6));
+      if (n.family != fam) {
+        fail(w + ".family", "does not match the address (expected " +
+                                std::to_string(fam) + ")");
+      }
+      cfg.nodes.push_back(n);
+    }
+  }
+
+  seen.clear();
+  if (root.contains("services")) {
+    const json& ss = root.at("services");
+    if (!ss.is_array()) fail("services", "expected an array");
+    for (std::size_t i = 0; i < ss.size(); ++i) {
+      const std::string w = "services[" + std::to_string(i) + "]";
+      onlyKeys(ss[i], w, {"name", "state", "mode", "blocked", "node"});
+      ServiceConfig s;
+      s.name = getString(ss[i], w, "name", "");
+      if (s.name.empty()) fail(w + ".name", "is required");
+      if (!seen.insert(s.name).second) {
+        fail(w + ".name", "duplicate service name");
+      }
+      const std::string st = getString(ss[i], w, "state", "stopped");
+      bool ok = false;
+      for (ServiceState cand : {ServiceState::Running, ServiceState::Stopped,
+                                ServiceState::Starting, ServiceState::Stopping,
+                                ServiceState::Broken}) {
+        if (st == stateName(cand)) {
+          s.state = cand;
+          ok = true;
+        }
+      }
+      if (!ok) {
+        fail(w + ".state",
+             "expected running, stopped, starting, stopping or broken");
+      }
+      const std::string mode = getString(ss[i], w, "mode", "manual");
+      if (mode != "auto" && mode != "manual") {
+        fail(w + ".mode", "expected auto or manual");
+      }
+      s.automatic = mode == "auto";
+      s.blocked = getBool(ss[i], w, "blocked", false);
+      s.node = getString(ss[i], w, "node", "", true);
+      cfg.services.push_back(s);
+    }
+  }
+
+  seen.clear();
+  if (root.contains("users")) {
+    const json& us = root.at("users");
+    if (!us.is_array()) fail("users", "expected an array");
+    for (std::size_t i = 0; i < us.size(); ++i) {
+      const std::string w = "users[" + std::to_string(i) + "]";
+      onlyKeys(us[i], w, {"user", "password", "sha256"});
+      UserConfig u;
+      u.user = getString(us[i], w, "user", "");
+      if (u.user.empty()) fail(w + ".user", "is required");
+      for (char c : u.user) {
+        if (std::isspace(static_cast<unsigned char>(c))) {
+          fail(w + ".user", "must not contain blanks");
+        }
+      }
+      if (!seen.insert(u.user).second) fail(w + ".user", "duplicate user");
+      const bool hasPw = us[i].contains("password");
+      const bool hasHash = us[i].contains("sha256");
+      if (!hasPw && !hasHash) fail(w, "needs \"password\" or \"sha256\"");
+      if (hasPw) u.key = sha256(getString(us[i], w, "password", "", true));
+      if (hasHash) {
+        std::array<unsigned char, 32> fromHex{};
+        if (!hexDigest(getString(us[i], w, "sha256", ""), fromHex)) {
+          fail(w + ".sha256", "expected 64 hexadecimal digits");
+        }
+        if (hasPw && fromHex != u.key) {
+          fail(w + ".sha256", "is not the SHA-256 of the given password");
+        }
+        u.key = fromHex;
+      }
+      cfg.users.push_back(u);
+    }
+  }
+
+  if (root.contains("faults")) parseFaults(root.at("faults"), cfg.faults);
+
+  cfg.crc = crc32(text);
+  cfg.size = static_cast<long long>(text.size());
+  return cfg;
+}
+
+Config loadConfigFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw ConfigError(path + ": cannot open the file");
+  std::ostringstream buf;
+  buf << in.rdbuf();
+  if (in.bad()) throw ConfigError(path + ": read error");
+  Config cfg;
+  try {
+    cfg = parseConfig(buf.str());
+  } catch (const ConfigError& e) {
+    throw ConfigError(path + ": " + e.what());
+  }
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0) cfg.mtime = st.st_mtime;
+  return cfg;
+}
+
+const char* builtinConfigText() {
+  return R"({
+  "cluster": {"name": "testcluster", "serial": "-1", "poll_time": 1},
+  "services": [
+    {"name": "web", "state": "running", "mode": "auto"},
+    {"name": "db", "state": "stopped", "mode": "manual"}
+  ],
+  "users": [{"user": "admin", "password": "secret"}]
+}
+)";
+}
+
+Config builtinConfig(long long now) {
+  Config cfg = parseConfig(builtinConfigText());
+  cfg.mtime = now;
+  return cfg;
+}
+
+void finishConfig(Config& cfg, const std::vector<std::string>& listen) {
+  if (cfg.nodes.empty()) {
+    for (std::size_t i = 0; i < listen.size(); ++i) {
+      NodeConfig n;
+      n.name = "node" + std::to_string(i + 1);
+      n.address = listen[i];
+      n.family = addressFamily(listen[i]);
+      cfg.nodes.push_back(n);
+    }
+  }
+  if (cfg.nodes.empty()) throw ConfigError("nodes: the cluster has no node");
+  for (std::size_t i = 0; i < cfg.services.size(); ++i) {
+    ServiceConfig& s = cfg.services[i];
+    if (s.node.empty()) {
+      s.node = cfg.nodes.front().name;
+      continue;
+    }
+    bool found = false;
+    for (const NodeConfig& n : cfg.nodes) found = found || n.name == s.node;
+    if (!found) {
+      throw ConfigError("services[" + std::to_string(i) + "].node: no node \"" +
+                        s.node + "\"");
+    }
+  }
+  checkFaults(cfg.faults);
+}
+
+}  // namespace tovsim

@@ -1,0 +1,100 @@
+// The simulated cluster: what the configuration file describes, with its
+// defaults and validation.
+#ifndef TOVSIM_CONFIG_H
+#define TOVSIM_CONFIG_H
+
+#include <array>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tovsim {
+
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Numbered as the client's reply decoder maps state numbers to words.
+enum class ServiceState { Running, Stopped, Starting, Stopping, Broken };
+const char* stateName(ServiceState s);
+
+struct NodeConfig {
+  std::string name;
+  std::string address;
+  int family = 4;
+};
+
+struct ServiceConfig {
+  std::string name;
+  ServiceState state = ServiceState::Stopped;
+  bool automatic = false;
+  bool blocked = false;
+  std::string node;  // where it runs when started; "" = first node
+};
+
+struct UserConfig {
+  std::string user;
+  std::array<unsigned char, 32> key{};  // SHA-256 of the password
+};
+
+// Misbehaviour on purpose. Negative sizes mean "off".
+struct Faults {
+  int busy = 0;          // answer the first N requests with 'k'
+  int shortSalt = -1;    // send only the first N bytes of the salt
+  bool noSalt = false;   // close right after accept
+  int lateSaltMs = 0;    // wait before sending the salt
+  int replyDelayMs = 0;  // wait before sending the reply
+  int chunkBytes = 0;    // write the reply in pieces of this size
+  int chunkPauseMs = 0;  // pause between the pieces
+  long cutAfter = -1;    // send only N bytes of the reply, then close
+  long resetAfter = -1;  // send N bytes, then reset the connection
+  long padTo = 0;        // pad the reply with filler lines to N bytes
+  char onlyLetter = 0;   // reply faults only for this request letter
+};
+
+struct Config {
+  std::string clusterName = "tovsim";
+  std::string serial = "-1";
+  int pollTime = 1;
+  bool bootstrap = false;
+  std::string machineIdent;  // "" = name of the node that answers
+  std::string machineDesc = "tovsim simulated daemon";
+  std::vector<std::string> listen;  // empty = command line or default
+  std::vector<NodeConfig> nodes;
+  std::vector<ServiceConfig> services;
+  std::vector<UserConfig> users;
+  Faults faults;
+
+  // Identity of the configuration for the cluster record.
+  std::uint32_t crc = 0;
+  long long mtime = 0;
+  long long size = 0;
+};
+
+// Parses configuration text; throws ConfigError naming the offending key.
+Config parseConfig(const std::string& text);
+
+// Reads and parses a file; the checksum, time and size describe the file.
+Config loadConfigFile(const std::string& path);
+
+// The cluster used when no file is given.
+Config builtinConfig(long long now);
+const char* builtinConfigText();
+
+// Fills in nodes from the listen addresses when the file has none and
+// resolves each service's node; throws ConfigError.
+void finishConfig(Config& cfg, const std::vector<std::string>& listen);
+
+// Validates one fault setting given on the command line or in the file.
+void checkFaults(const Faults& f);
+
+std::uint32_t crc32(const std::string& bytes);
+
+// Numeric address family of an address text: 4, 6, or 0 if not numeric.
+int addressFamily(const std::string& address);
+
+}  // namespace tovsim
+
+#endif  // TOVSIM_CONFIG_H

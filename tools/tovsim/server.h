@@ -1,0 +1,81 @@
+// Sockets of the simulated daemon: TCP request service and UDP discovery on
+// every listen address.
+#ifndef TOVSIM_SERVER_H
+#define TOVSIM_SERVER_H
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon.h"
+
+namespace tovsim {
+
+struct ServerOptions {
+  std::vector<std::string> listen;
+  int port = 1195;     // 0: the kernel picks, reused for every address
+  int udpPort = 1195;  // 0: no discovery side
+  int readTimeoutMs = 5000;
+  int maxLifetimeSec = 0;  // 0: no limit
+  std::string readyFile;
+  int maxConnections = 32;
+  std::size_t maxFrame = 65536;
+};
+
+class Server {
+ public:
+  Server(Daemon& daemon, ServerOptions opts);
+  ~Server();
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Binds and listens on every address; throws std::runtime_error.
+  void open();
+  int tcpPort() const { return tcpPort_; }
+
+  // Serves until a signal on `signalFd`, the lifetime, or a shutdown
+  // request; then closes everything and joins the workers. Returns the exit
+  // status.
+  int run(int signalFd);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
+
+  void openTcp();
+  void openUdp();
+  void closeAll();
+  void writeReadyFile();
+  void acceptOn(std::size_t idx);
+  void answerProbe(std::size_t idx);
+  void serve(int fd, std::size_t idx, const std::string& peer);
+  bool readFrame(int fd, const std::string& peer, std::string& content);
+  bool writeAll(int fd, const char* p, std::size_t n);
+  int waitFd(int fd, short events, Clock::time_point deadline);
+  bool pause(int ms);
+  void wake();
+  void reap(bool all);
+
+  Daemon& daemon_;
+  ServerOptions opts_;
+  int tcpPort_ = 0;
+  std::vector<int> tcpFds_;
+  std::vector<int> udpFds_;
+  int wakePipe_[2] = {-1, -1};
+  std::atomic<bool> abort_{false};  // stop now: signal, lifetime, halt
+  std::atomic<bool> drain_{false};  // stop accepting, finish what runs
+  std::list<Worker> workers_;
+  bool readyWritten_ = false;
+};
+
+}  // namespace tovsim
+
+#endif  // TOVSIM_SERVER_H
