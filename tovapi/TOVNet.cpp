@@ -853,6 +853,11 @@ int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
     report(where, "setsockopt (SO_BROADCAST)");
     return TOV_SOCK_GETOPTS;
   }
+  // Room for many answers arriving at once; the kernel may grant less, and
+  // a refusal only means the default buffer.
+  const int answerRoom = 4 * 1024 * 1024;
+  setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &answerRoom, sizeof answerRoom);
+
   sockaddr_in dest;
   std::memset(&dest, 0, sizeof dest);
   dest.sin_family = AF_INET;

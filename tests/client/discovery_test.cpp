@@ -207,6 +207,19 @@ TEST_F(ClientTest, DiscoveryCollectsAnswersForTwoAndAHalfSeconds) {
                             summary(1, " cluster(s)"));
 }
 
+TEST_F(ClientTest, DiscoveryKeepsAThousandSimultaneousAnswers) {
+  std::vector<std::string> answers;
+  for (int i = 0; i < 1000; ++i)
+    answers.push_back(
+        clusterLine("c" + std::to_string(i), "crc" + std::to_string(i), 0) +
+        "\nN n 127.0.9.4 4");
+  UdpNode node("127.0.9.4", answers);
+  ASSERT_TRUE(node.bound()) << "UDP 127.0.9.4:1195 is taken";
+  clienttest::Capture out(std::cout);
+  EXPECT_EQ(net.discoverClusters("127.0.9.4", tov_discover_all, false), 0);
+  EXPECT_NE(out.text().find(" Found 1000 cluster(s)\n"), std::string::npos);
+}
+
 TEST_F(ClientTest, DiscoveryFailuresAndSilence) {
   {
     clienttest::Capture out(std::cout);
