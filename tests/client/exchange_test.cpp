@@ -197,10 +197,11 @@ TEST_F(ExchangeTest, ResetBeforeTheRequestIsASendFailureNotADeadProcess) {
   Script resetAfterSalt;
   resetAfterSalt.readFrame = false;
   resetAfterSalt.resetAfterReply = true;
+  resetAfterSalt.closeDelayMs = 100;  // after the client has connected
   LoopbackServer server({resetAfterSalt});
   // Give the reset time to arrive before the frame goes out.
   rec().duringAuthline = [] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
   };
   const int rc = exchange(server, "B 0", {"u", "d"});
   EXPECT_TRUE(rc == fail(TOV_SOCK_SEND) || rc == fail(TOV_SOCK_RECV)) << rc;

@@ -114,6 +114,7 @@ void LoopbackServer::serve(int fd, const Script& script) {
     const std::size_t n = std::min(step, script.reply.size() - at);
     if (send(fd, script.reply.data() + at, n, MSG_NOSIGNAL) < 0) break;
   }
+  pause(script.closeDelayMs);
   if (script.resetAfterReply) {
     linger hard{1, 0};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);

@@ -23,6 +23,7 @@ struct Script {
   std::size_t chunk = 0;         // write the reply in pieces of this size
   int chunkPauseMs = 0;
   bool resetAfterReply = false;  // end with a reset instead of a close
+  int closeDelayMs = 0;          // pause before closing
 };
 
 class LoopbackServer {
