@@ -4,7 +4,7 @@ BUILD      ?= build
 GENERATOR  ?= Ninja
 JOBS       ?= 2
 
-.PHONY: all deps build test test-sanitize memcheck coverage clean format
+.PHONY: all deps build test demo test-sanitize memcheck coverage clean format
 
 all: build
 
@@ -14,6 +14,12 @@ deps:
 build: deps
 	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS)
+
+# A narrated session against a simulated three-node cluster on loopback.
+demo: deps
+	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
+	cmake --build $(BUILD) -j $(JOBS) --target tovctl tovsim
+	scripts/demo.sh $(BUILD)
 
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS) --timeout 300

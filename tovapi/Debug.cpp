@@ -56,7 +56,7 @@ const char* const kErrorTexts[] = {
     "daemon reported an error",                        // 19
     "service already in that state",                   // 20
     "service not running",                             // 21
-    "communication failed",                            // 22
+    "daemon refused or failed the request",            // 22
     "pass command failed",                             // 23
     "daemon rejected the service",                     // 24
     "service is not broken",                           // 25

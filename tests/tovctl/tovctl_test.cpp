@@ -138,10 +138,11 @@ TEST_F(TovctlTest, WrongOrMissingPasswordIsRefusedAndChangesNothing) {
       tool({"-u", "admin", "--password-file", badPw_, "--json", "stop", "web"});
   EXPECT_EQ(wrong.status, 22);
   EXPECT_EQ(wrong.out, "");
-  expectOneErrorLine(wrong,
-                     "stop of service 0 (web) on 127.0.0.1:" + sim_->portStr() +
-                         " failed: communication failed (TOV_COMMS_FAIL, "
-                         "code 22); check user admin");
+  expectOneErrorLine(
+      wrong,
+      "stop of service 0 (web) on 127.0.0.1:" + sim_->portStr() +
+          " failed: daemon refused or failed the request (TOV_COMMS_FAIL, "
+          "code 22); check user admin");
 
   const Outcome anonymous = tool({"stop", "web"});
   EXPECT_EQ(anonymous.status, 22);
