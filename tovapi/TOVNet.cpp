@@ -14,11 +14,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "internal_discovery.h"
@@ -39,18 +41,43 @@ namespace {
 
 int level() { return tovDebug.getDebugLevel(); }
 
+// One piece of a diagnostic line, already in its printed form, so that the
+// line helpers below need no template per combination of argument types.
+class Piece {
+ public:
+  Piece(const char* text) : text_(text ? text : "") {}
+  Piece(const std::string& text) : text_(text) {}
+  Piece(char c) : text_(1, c) {}
+  Piece(int n) : text_(std::to_string(n)) {}
+  Piece(long n) : text_(std::to_string(n)) {}
+  Piece(unsigned n) : text_(std::to_string(n)) {}
+  Piece(unsigned long n) : text_(std::to_string(n)) {}
+  Piece(const void* pointer) {
+    std::ostringstream os;
+    os << pointer;
+    text_ = os.str();
+  }
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
+void compose(std::ostringstream& os, std::initializer_list<Piece> parts) {
+  for (const Piece& part : parts) os << part.text();
+  os << std::endl;
+}
+
 // One diagnostic line: composed in a fresh stream, ended, handed over.
-template <typename... Parts>
-void trace(const Parts&... parts) {
+void trace(std::initializer_list<Piece> parts) {
   std::ostringstream os;
-  (os << ... << parts) << std::endl;
+  compose(os, parts);
   tovDebug.write(os);
 }
 
-template <typename... Parts>
-void report(const std::string& where, const Parts&... parts) {
+void report(const std::string& where, std::initializer_list<Piece> parts) {
   std::ostringstream os;
-  (os << ... << parts) << std::endl;
+  compose(os, parts);
   tovDebug.error(where, os);
 }
 
@@ -93,30 +120,30 @@ int collectReply(int sock, char*& buffer, const std::string& saltStr,
     count = static_cast<int>(recv(sock, frag, fragSize, 0));
     const int recvErrno = errno;
     if (level() > 1)
-      trace("TOVNet::tovcomms(): recieved ", count, " byte(s) from server");
+      trace({"TOVNet::tovcomms(): recieved ", count, " byte(s) from server"});
     if (count == 0) {
       std::memset(frag, 0, fragSize);
       if (level() == 3)
-        trace("TOVNet::tovcomms(): Server closed the socket connection");
-      buffer = tovUtils::stringToChar(reply);
+        trace({"TOVNet::tovcomms(): Server closed the socket connection"});
+      buffer = tovUtils::stringToChar(std::move(reply));
     } else if (count < 0) {
-      report("TOVNet::tovcomms()", "recv() command reported an error [",
-             std::strerror(recvErrno), "]");
+      report("TOVNet::tovcomms()", {"recv() command reported an error [",
+                                    std::strerror(recvErrno), "]"});
       result = tovDebug.setError(TOV_SOCK_RECV);
     } else {
       const std::size_t len = strnlen(frag, fragSize);
       if (level() > 1)
-        trace("TOVNet::tovcomms(): appending fragment to buffer:\n",
-              std::string(frag, len));
+        trace({"TOVNet::tovcomms(): appending fragment to buffer:\n",
+               std::string(frag, len)});
       reply.append(frag, len);
       if (len == fragSize && level() == 3)
-        trace("TOVNet::tovcomms(): removing excess tail from response");
+        trace({"TOVNet::tovcomms(): removing excess tail from response"});
       std::memset(frag, 0, fragSize);
     }
   }
   if (level() == 3) {
-    if (authenticated) trace("TOVNet::tovcomms(): salt value = ", saltStr);
-    trace("TOVNet::tovcomms(): received response");
+    if (authenticated) trace({"TOVNet::tovcomms(): salt value = ", saltStr});
+    trace({"TOVNet::tovcomms(): received response"});
   }
   return result;
 }
@@ -193,8 +220,8 @@ int TOVNet::readtov(std::string address, std::string port, bool forceUpdate) {
 int TOVNet::validateAddressFamily(std::string ipaddr, int* version) {
   const std::string where = "TOVNet::validateAddressFamily()";
   if (level() > 0)
-    trace("TOVNet::validateAddressFamily(): called [ipaddr=", ipaddr,
-          ", version=", static_cast<const void*>(version), "]");
+    trace({"TOVNet::validateAddressFamily(): called [ipaddr=", ipaddr,
+           ", version=", static_cast<const void*>(version), "]"});
   int result = 0;
   addrinfo* list = nullptr;
   int ipVersion = 0;
@@ -204,12 +231,12 @@ int TOVNet::validateAddressFamily(std::string ipaddr, int* version) {
   hints.ai_family = AF_UNSPEC;
 
   if (level() == 3)
-    trace("TOVNet::validateAddressFamily(): calling getaddrinfo");
+    trace({"TOVNet::validateAddressFamily(): calling getaddrinfo"});
   const int rv = getaddrinfo(ipaddr.c_str(), nullptr, &hints, &list);
   if (level() == 3)
-    trace("TOVNet::validateAddressFamily(): getaddrinfo returned [", rv, "]");
+    trace({"TOVNet::validateAddressFamily(): getaddrinfo returned [", rv, "]"});
   if (rv != 0) {
-    report(where, "invalid address - ", gai_strerror(rv));
+    report(where, {"invalid address - ", gai_strerror(rv)});
     if (list != nullptr) freeaddrinfo(list);
     return tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
   }
@@ -217,40 +244,42 @@ int TOVNet::validateAddressFamily(std::string ipaddr, int* version) {
   const int family = list->ai_family;
   if (family == AF_INET) {
     if (level() > 0)
-      trace("TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv4 address");
+      trace(
+          {"TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv4 address"});
     ipVersion = 4;
   } else if (family == AF_INET6) {
     if (level() > 0)
-      trace("TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv6 address");
+      trace(
+          {"TOVNet::validateAddressFamily(): ", ipaddr, " is an ipv6 address"});
     ipVersion = 6;
   } else {
-    report(where, ipaddr, " is an is unknown address format ", family);
+    report(where, {ipaddr, " is an is unknown address format ", family});
     result = TOV_INVALID_ADDR;
     ipVersion = -1;
   }
 
   if (version != nullptr) {
     if (level() > 0)
-      trace("TOVNet::validateAddressFamily(): ", "copying IP version to arg");
+      trace({"TOVNet::validateAddressFamily(): ", "copying IP version to arg"});
     *version = ipVersion;
   } else if (level() > 0) {
-    trace("TOVNet::validateAddressFamily(): ", "NULL passed to version arg");
+    trace({"TOVNet::validateAddressFamily(): ", "NULL passed to version arg"});
   }
 
   if (list != nullptr) {
     if (level() == 3)
-      trace("TOVNet::validateAddressFamily(): ", "calling freeaddrinfo()");
+      trace({"TOVNet::validateAddressFamily(): ", "calling freeaddrinfo()"});
     freeaddrinfo(list);
   }
   if (level() > 0)
-    trace("TOVNet::validateAddressFamily(): returned [", result, "]");
+    trace({"TOVNet::validateAddressFamily(): returned [", result, "]"});
   return result;
 }
 
 int TOVNet::validateHost(std::string host, char** ip) {
   const std::string where = "TOVNet::validateHost()";
   if (host.empty()) {
-    report(where, "empty string provided to host");
+    report(where, {"empty string provided to host"});
     return tovDebug.setError(TOV_EMPTY_COMMAND);
   }
 
@@ -262,7 +291,7 @@ int TOVNet::validateHost(std::string host, char** ip) {
 
   if (ip != nullptr) {
     if (level() > 1)
-      trace("TOVNet::validateHost(): ", "calling malloc() for ip arg");
+      trace({"TOVNet::validateHost(): ", "calling malloc() for ip arg"});
     // The one-byte block is abandoned on purpose: callers see *ip null from
     // here until an address is stored.
     *ip = static_cast<char*>(std::malloc(1));
@@ -276,7 +305,7 @@ int TOVNet::validateHost(std::string host, char** ip) {
   hints.ai_socktype = SOCK_STREAM;
   const int rv = getaddrinfo(host.c_str(), nullptr, &hints, &list);
   if (rv != 0) {
-    report(where, "getaddrinfo: ", host, ": ", gai_strerror(rv));
+    report(where, {"getaddrinfo: ", host, ": ", gai_strerror(rv)});
     if (list != nullptr) freeaddrinfo(list);
     return tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
   }
@@ -287,34 +316,34 @@ int TOVNet::validateHost(std::string host, char** ip) {
     if (walk->ai_family == AF_INET) {
       current = &reinterpret_cast<sockaddr_in*>(walk->ai_addr)->sin_addr;
       if (inet_ntop(AF_INET, current, ipv4, sizeof ipv4) == nullptr) {
-        report(where, "inet_ntop failed - ", std::strerror(errno));
+        report(where, {"inet_ntop failed - ", std::strerror(errno)});
         return tovDebug.setError(TOV_SOCK_NTOP);
       }
     } else if (walk->ai_family == AF_INET6) {
       current = &reinterpret_cast<sockaddr_in6*>(walk->ai_addr)->sin6_addr;
       if (inet_ntop(AF_INET6, current, ipv6, sizeof ipv6) == nullptr) {
-        report(where, "inet_ntop failed - ", std::strerror(errno));
+        report(where, {"inet_ntop failed - ", std::strerror(errno)});
         return tovDebug.setError(TOV_SOCK_NTOP);
       }
     } else {
-      report(where, "unknown address family detected");
+      report(where, {"unknown address family detected"});
       return tovDebug.setError(TOV_UNKNOWN_AFINET);
     }
   }
 
   int result = 0;
   if (level() == 3) {
-    trace("TOVNet::validateHost(): Resolution results for ", host);
-    trace("TOVNet::validateHost(): IPv4 = ", ipv4);
-    trace("TOVNet::validateHost(): IPv6 = ", ipv6);
+    trace({"TOVNet::validateHost(): Resolution results for ", host});
+    trace({"TOVNet::validateHost(): IPv4 = ", ipv4});
+    trace({"TOVNet::validateHost(): IPv6 = ", ipv6});
   }
   const bool haveIpv6 = ipv6[0] != '\0';
   if (!haveIpv6 && std::strcmp(ipv4, "0.0.0.0") == 0) {
-    report(where, "failed to resolve the hostname ", host);
+    report(where, {"failed to resolve the hostname ", host});
     result = tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
   } else if (ip != nullptr) {
     if (level() == 3)
-      trace("TOVNet::validateHost(): ", "calling malloc() for ip arg");
+      trace({"TOVNet::validateHost(): ", "calling malloc() for ip arg"});
     std::free(*ip);
     const char* text = haveIpv6 ? ipv6 : ipv4;
     const std::size_t size = haveIpv6 ? sizeof ipv6 : sizeof ipv4;
@@ -327,22 +356,22 @@ int TOVNet::validateHost(std::string host, char** ip) {
 
 int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
                            int timeoutSec, int timeoutUsec) {
-  if (level() == 3) trace("TOVNet::connectTimeout(): called");
+  if (level() == 3) trace({"TOVNet::connectTimeout(): called"});
   int flags = fcntl(sockfd, F_GETFL, 0);
   fcntl(sockfd, F_SETFL, flags | O_NONBLOCK);
 
   const int con = connect(sockfd, addr, addrlen);
   const int connectErrno = errno;
   if (level() == 3)
-    trace("TOVNet::connectTimeout(): connect() return value = ", con);
+    trace({"TOVNet::connectTimeout(): connect() return value = ", con});
 
   if (con < 0) {
     // Written at every level, also for the normal "in progress" case.
-    trace("TOVNet::connectTimeout(): connect() reported error [",
-          std::strerror(connectErrno), "]");
+    trace({"TOVNet::connectTimeout(): connect() reported error [",
+           std::strerror(connectErrno), "]"});
     if (connectErrno != EINPROGRESS) {
-      trace("TOVNet::connectTimeout(): connect() returned ", connectErrno, " [",
-            std::strerror(connectErrno), "]");
+      trace({"TOVNet::connectTimeout(): connect() returned ", connectErrno,
+             " [", std::strerror(connectErrno), "]"});
       return tovDebug.setError(TOV_SOCK_CONNECT);
     }
     timeval tv;
@@ -356,8 +385,12 @@ int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
       sel_stat = select(sockfd + 1, nullptr, &writeSet, nullptr, &tv);
     }
     if (level() == 3)
-      trace("TOVNet::connectTimeout(): select() return value = ", sel_stat);
-    if (sel_stat == 0) return tovDebug.setError(TOV_SOCK_TIMEOUT);
+      trace({"TOVNet::connectTimeout(): select() return value = ", sel_stat});
+    // The caller's message shows errno: make it name what really happened.
+    if (sel_stat == 0) {
+      errno = ETIMEDOUT;
+      return tovDebug.setError(TOV_SOCK_TIMEOUT);
+    }
     if (sel_stat < 0) return tovDebug.setError(TOV_SOCK_SELECT);
 
     int valopt = 0;
@@ -365,11 +398,15 @@ int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
     const int gso_stat =
         getsockopt(sockfd, SOL_SOCKET, SO_ERROR, &valopt, &lon);
     if (level() == 3)
-      trace("TOVNet::connectTimeout(): getsockopt() return value = ", gso_stat);
+      trace(
+          {"TOVNet::connectTimeout(): getsockopt() return value = ", gso_stat});
     if (level() > 1)
-      trace("TOVNet::connectTimeout(): valopt from getsockopt() ",
-            "return value = ", valopt);
-    if (valopt != 0) return tovDebug.setError(TOV_SOCK_GETOPTS);
+      trace({"TOVNet::connectTimeout(): valopt from getsockopt() ",
+             "return value = ", valopt});
+    if (valopt != 0) {
+      errno = valopt;
+      return tovDebug.setError(TOV_SOCK_GETOPTS);
+    }
   }
 
   flags = fcntl(sockfd, F_GETFL, 0);
@@ -381,27 +418,28 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
                      std::string command, std::vector<std::string> authvec,
                      std::string data) {
   const std::string where = "TOVNet::tovcomms()";
-  if (level() > 1) trace("TOVNet::tovcomms(): called");
-  if (level() > 1) trace("TOVNet::tovcomms(): address  = ", address);
-  if (level() > 1) trace("TOVNet::tovcomms(): port     = ", port);
-  if (level() > 1) trace("TOVNet::tovcomms(): command  = ", command);
+  if (level() > 1) trace({"TOVNet::tovcomms(): called"});
+  if (level() > 1) trace({"TOVNet::tovcomms(): address  = ", address});
+  if (level() > 1) trace({"TOVNet::tovcomms(): port     = ", port});
+  if (level() > 1) trace({"TOVNet::tovcomms(): command  = ", command});
   if (level() == 3)
-    trace("TOVNet::tovcomms(): authvec  = ", tovUtils::vectostr(authvec));
-  if (level() == 3) trace("TOVNet::tovcomms(): data     = ", data);
+    trace({"TOVNet::tovcomms(): authvec  = ", tovUtils::vectostr(authvec)});
+  if (level() == 3) trace({"TOVNet::tovcomms(): data     = ", data});
 
   addrinfo* res = nullptr;
   if (level() == 3)
-    trace("TOVNet::tovcomms(): ===== TOVCOMMS OUTPUT FOR ", address, " =====");
+    trace(
+        {"TOVNet::tovcomms(): ===== TOVCOMMS OUTPUT FOR ", address, " ====="});
 
   if (authvec.empty()) {
     if (level() > 1)
-      trace("TOVNet::tovcomms(): warning: empty authentication ",
-            "vector detected");
+      trace({"TOVNet::tovcomms(): warning: empty authentication ",
+             "vector detected"});
   } else if (authvec.size() == 1) {
-    report(where, "authentication vector with no digest detected");
+    report(where, {"authentication vector with no digest detected"});
     return tovDebug.setError(TOV_AUTH_DIGEST);
   } else if (authvec.size() > 2) {
-    report(where, "invalid authentication vector detected");
+    report(where, {"invalid authentication vector detected"});
     return tovDebug.setError(TOV_AUTH_INVALID);
   }
   const bool authenticated = authvec.size() == 2;
@@ -415,12 +453,12 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
   if (address.empty()) address = "127.0.0.1";
   if (port.empty()) port = "1195";
   if (getaddrinfo(address.c_str(), port.c_str(), &hints, &res) != 0) {
-    report(where, "failed to get address info for ", address, ":", port);
+    report(where, {"failed to get address info for ", address, ":", port});
     return tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
   }
   if (level() == 3)
-    trace("TOVNet::tovcomms(): creating socket with IP version : ",
-          getIpFamily(res->ai_family));
+    trace({"TOVNet::tovcomms(): creating socket with IP version : ",
+           getIpFamily(res->ai_family)});
 
   std::string saltStr;
   const int sock = socket(res->ai_family, res->ai_socktype, res->ai_protocol);
@@ -431,24 +469,24 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
   // Everything from here on ends in the common closing step below.
   auto exchange = [&]() -> int {
     if (sock == -1) {
-      report(where, "Failed to create the socket");
+      report(where, {"Failed to create the socket"});
       return tovDebug.setError(TOV_SOCK_CREATE);
     }
     if (level() > 1)
-      trace("TOVNet::tovcomms(): setting socket timeout of ", timeoutSec,
-            " second(s) and ", timeoutUsec, " micro-second(s)");
+      trace({"TOVNet::tovcomms(): setting socket timeout of ", timeoutSec,
+             " second(s) and ", timeoutUsec, " micro-second(s)"});
     // Only a negative result counts as a failed connect here.
     if (connectTimeout(sock, res->ai_addr, res->ai_addrlen, timeoutSec,
                        timeoutUsec) < 0) {
-      report(where, "cannot connect to server ", address, ": ",
-             std::strerror(errno));
+      report(where, {"cannot connect to server ", address, ": ",
+                     std::strerror(errno)});
       return tovDebug.setError(TOV_SOCK_CONNECT);
     }
 
     if (saltWait.tv_sec != 0 || saltWait.tv_usec != 0) {
       fd_set readSet;
       FD_ZERO(&readSet);
-      if (level() == 3) trace("TOVNet::tovcomms(): calling select()");
+      if (level() == 3) trace({"TOVNet::tovcomms(): calling select()"});
       int sel = -1;
       if (selectable(sock)) {
         FD_SET(sock, &readSet);
@@ -457,12 +495,12 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
         errno = EINVAL;
       }
       if (sel == 0) {
-        report(where, "network timed out connecting to ", address, ":", port);
+        report(where, {"network timed out connecting to ", address, ":", port});
         return tovDebug.setError(TOV_SOCK_TIMEOUT);
       }
       if (sel == -1) {
-        report(where, "select() error [", std::strerror(errno),
-               "] address:port=", address, ":", port);
+        report(where, {"select() error [", std::strerror(errno),
+                       "] address:port=", address, ":", port});
         return tovDebug.setError(TOV_SOCK_SELECT);
       }
     }
@@ -470,19 +508,20 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
     if (command.empty()) command = "CCN";
     char saltBuf[8];
     std::memset(saltBuf, 0, sizeof saltBuf);
+    errno = 0;  // a closed connection sets none; show no stale text
     const ssize_t saltCount = recv(sock, saltBuf, sizeof saltBuf, 0);
     const int saltErrno = errno;
     if (level() > 1)
-      trace("TOVNet::tovcomms(): received ", saltCount,
-            " byte(s) in salt response");
+      trace({"TOVNet::tovcomms(): received ", saltCount,
+             " byte(s) in salt response"});
     if (saltCount < 0) {
-      report(where, "failed to receive salt from host: ", address, ":", port,
-             " [", std::strerror(saltErrno), "]");
+      report(where, {"failed to receive salt from host: ", address, ":", port,
+                     " [", std::strerror(saltErrno), "]"});
       return tovDebug.setError(TOV_COMMS_SALT);
     }
     if (saltCount == 0) {
-      report(where, "host didn't return a salt: ", address, ":", port, " [",
-             std::strerror(saltErrno), "]");
+      report(where, {"host didn't return a salt: ", address, ":", port, " [",
+                     std::strerror(saltErrno), "]"});
       return tovDebug.setError(TOV_COMMS_SALT);
     }
     // The salt is always taken as 8 bytes, NUL-padded when fewer arrived.
@@ -491,26 +530,26 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
     // Each search starts one past the previous position, so a line feed at
     // position 0, and the second of two adjacent ones, stay.
     if (level() == 3)
-      trace("TOVNet::tovcomms(): checking command string for ",
-            "newline characters");
+      trace({"TOVNet::tovcomms(): checking command string for ",
+             "newline characters"});
     std::string::size_type found = 0;
     while (found != std::string::npos) {
       found = command.find('\n', found + 1);
       if (found != std::string::npos) {
         if (level() == 3)
-          trace("TOVNet::tovcomms(): erasing newline found at: ", found);
+          trace({"TOVNet::tovcomms(): erasing newline found at: ", found});
         command.erase(found, 1);
       } else if (level() == 3) {
-        trace("TOVNet::tovcomms(): newline not found in string");
+        trace({"TOVNet::tovcomms(): newline not found in string"});
       }
     }
-    if (level() > 1) trace("TOVNet::tovcomms(): command string : ", command);
+    if (level() > 1) trace({"TOVNet::tovcomms(): command string : ", command});
 
     if (authenticated) {
-      if (level() > 1) trace("TOVNet::tovcomms(): auth object provided");
+      if (level() > 1) trace({"TOVNet::tovcomms(): auth object provided"});
       std::ostringstream saltStream;
       saltStream << std::setw(8) << std::setfill('0') << saltStr;
-      if (level() == 3) trace("TOVNet::tovcomms(): saltStr = ", saltStr);
+      if (level() == 3) trace({"TOVNet::tovcomms(): saltStr = ", saltStr});
       std::stringstream hexStream;
       hexStream << std::setw(8) << std::setfill('0') << saltStr;
       std::uint32_t saltValue = 0;
@@ -521,10 +560,10 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
           tovAuth.generateAuthline(authvec, binsalt, command);
       command = command + "\n" + authline;
       if (level() > 1)
-        trace("TOVNet::tovcomms(): output content [Length = ", command.length(),
-              "] = ", command);
+        trace({"TOVNet::tovcomms(): output content [Length = ",
+               command.length(), "] = ", command});
     } else if (level() > 1) {
-      trace("TOVNet::tovcomms(): auth object NOT provided");
+      trace({"TOVNet::tovcomms(): auth object NOT provided"});
     }
 
     std::string request = command + "\n";
@@ -534,21 +573,21 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
     std::strcpy(frame.data(), request.c_str());
     if (level() == 3) {
       const std::size_t frameLen = std::strlen(frame.data());
-      trace("TOVNet::tovcomms(): command length = ", command.length());
-      trace("TOVNet::tovcomms(): data length = ", data.length());
-      trace("TOVNet::tovcomms(): command length (with newline) = ", frameLen);
-      trace("TOVNet::tovcomms(): message to tov [length = ", frameLen,
-            "]\n*****start of message buffer*****\n", frame.data(),
-            "\n*****end of message buffer *****\n");
+      trace({"TOVNet::tovcomms(): command length = ", command.length()});
+      trace({"TOVNet::tovcomms(): data length = ", data.length()});
+      trace({"TOVNet::tovcomms(): command length (with newline) = ", frameLen});
+      trace({"TOVNet::tovcomms(): message to tov [length = ", frameLen,
+             "]\n*****start of message buffer*****\n", frame.data(),
+             "\n*****end of message buffer *****\n"});
     }
     const ssize_t sent =
         sendWithoutSigpipe(sock, frame.data(), request.length() + 1);
     if (sent < 0) {
-      report(where, "send() command reported an error [", std::strerror(errno),
-             "]");
+      report(where,
+             {"send() command reported an error [", std::strerror(errno), "]"});
       return tovDebug.setError(TOV_SOCK_SEND);
     }
-    if (level() == 3) trace("TOVNet::tovcomms(): sent ", sent, " bytes");
+    if (level() == 3) trace({"TOVNet::tovcomms(): sent ", sent, " bytes"});
 
     return collectReply(sock, buffer, saltStr, authenticated);
   };
@@ -556,8 +595,8 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
   const int result = exchange();
   close(sock);
   if (level() > 1)
-    trace("TOVNet::tovcomms(): TOV response message: ",
-          tovResponse.getTOVResponseMsg(buffer));
+    trace({"TOVNet::tovcomms(): TOV response message: ",
+           tovResponse.getTOVResponseMsg(buffer)});
   if (res != nullptr) freeaddrinfo(res);
   return result;
 }
@@ -568,15 +607,17 @@ int TOVNet::serviceCommand(std::string address, std::string port,
                            unsigned serviceNum, unsigned attempts,
                            std::string cmdSuffix) {
   const std::string where = "TOVNet::serviceCommand()";
-  if (level() > 1) trace("TOVNet::serviceCommand(): called");
-  if (level() > 1) trace("TOVNet::serviceCommand(): address     = ", address);
-  if (level() > 1) trace("TOVNet::serviceCommand(): port        = ", port);
-  if (level() > 1) trace("TOVNet::serviceCommand(): command     = ", command);
-  if (level() > 1) trace("TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix);
+  if (level() > 1) trace({"TOVNet::serviceCommand(): called"});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): address     = ", address});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): port        = ", port});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): command     = ", command});
   if (level() > 1)
-    trace("TOVNet::serviceCommand(): serviceNum  = ", serviceNum);
+    trace({"TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix});
+  if (level() > 1)
+    trace({"TOVNet::serviceCommand(): serviceNum  = ", serviceNum});
   if (level() == 3)
-    trace("TOVNet::serviceCommand(): authvec  = ", tovUtils::vectostr(authvec));
+    trace(
+        {"TOVNet::serviceCommand(): authvec  = ", tovUtils::vectostr(authvec)});
 
   try {
     // The check binds every letter, also those that send no service number.
@@ -585,12 +626,13 @@ int TOVNet::serviceCommand(std::string address, std::string port,
         svcCntInt < 0 ? 0u : static_cast<unsigned>(svcCntInt);
     if (!(serviceNum < svcCount)) {
       if (level() > 1)
-        report(where, "invalid service number provided [", serviceNum, "]");
+        report(where, {"invalid service number provided [", serviceNum, "]"});
       return tovDebug.setError(TOV_SVC_INVALID);
     }
 
     bool print_command = false;
-    if (level() > 0) trace("TOVNet::serviceCommand(): forcing a cache refresh");
+    if (level() > 0)
+      trace({"TOVNet::serviceCommand(): forcing a cache refresh"});
     const int refreshStat = tovCache.refreshCache(address, port, true);
     if (refreshStat < 0) return refreshStat;
 
@@ -608,12 +650,12 @@ int TOVNet::serviceCommand(std::string address, std::string port,
 
     const char cmd = command[0];
     if (level() > 1)
-      trace("TOVNet::serviceCommand(): SERVICE COMMAND INPUT\n",
-            "\tFull Command: ", command, "\n\tCMD: ", cmd,
-            "\n\tSUB CMD: ", sub_cmd, "\n\tEXT CMD: ", ext_cmd);
+      trace({"TOVNet::serviceCommand(): SERVICE COMMAND INPUT\n",
+             "\tFull Command: ", command, "\n\tCMD: ", cmd,
+             "\n\tSUB CMD: ", sub_cmd, "\n\tEXT CMD: ", ext_cmd});
 
     auto describe = [](const char* description) {
-      if (level() == 3) trace("TOVNet::serviceCommand(): ", description);
+      if (level() == 3) trace({"TOVNet::serviceCommand(): ", description});
     };
     switch (cmd) {
       case req_sysdown:
@@ -628,23 +670,23 @@ int TOVNet::serviceCommand(std::string address, std::string port,
           describe("Halting (unclean shutdown)");
           tovcommand += static_cast<char>(req2a_halt);
         } else {
-          report(where, "Unrecognised secondary command passed");
+          report(where, {"Unrecognised secondary command passed"});
           return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
         }
         break;
       case req_extended:
         if (sub_cmd == '\0') {
-          report(where, "Nothing passed to extended request packet");
+          report(where, {"Nothing passed to extended request packet"});
           return tovDebug.setError(TOV_EMPTY_SUBCMD);
         }
         if (sub_cmd != 'A') {
-          report(where, "Unrecognised Extended Command passed: ", sub_cmd);
+          report(where, {"Unrecognised Extended Command passed: ", sub_cmd});
           return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
         }
         if (ext_cmd == '\0') {
           report(where,
-                 "Unrecognised request passed to extended service command: ",
-                 ext_cmd);
+                 {"Unrecognised request passed to extended service command: ",
+                  ext_cmd});
           return tovDebug.setError(TOV_UNKNOWN_EXTCMD);
         }
         // Any other extended letter deliberately sends an empty command.
@@ -656,7 +698,7 @@ int TOVNet::serviceCommand(std::string address, std::string port,
       default: {
         const char* description = plainCommandDescription(cmd);
         if (description == nullptr) {
-          report(where, "Unrecognised Input Error");
+          report(where, {"Unrecognised Input Error"});
           return tovDebug.setError(TOV_UNKNOWN_SVCCMD);
         }
         describe(description);
@@ -667,7 +709,7 @@ int TOVNet::serviceCommand(std::string address, std::string port,
 
     if (!cmdSuffix.empty()) tovcommand += " " + cmdSuffix;
     if (level() > 0)
-      trace("TOVNet::serviceCommand(): TOV Command to be sent: ", tovcommand);
+      trace({"TOVNet::serviceCommand(): TOV Command to be sent: ", tovcommand});
 
     char* tmp_buf = nullptr;
     for (unsigned att_no = 0; att_no < attempts; ++att_no) {
@@ -678,17 +720,17 @@ int TOVNet::serviceCommand(std::string address, std::string port,
       // Never true inside the loop; kept as the last line of defence.
       if (!(att_no < attempts)) {
         if (level() > 1)
-          trace("TOVNet::serviceCommand(): Reached maximum ",
-                "number of attempts: Aborting");
+          trace({"TOVNet::serviceCommand(): Reached maximum ",
+                 "number of attempts: Aborting"});
         delete[] tmp_buf;
         return tovDebug.setError(TOV_SVC_ATTEMPT_EXPIRE);
       }
       if (tmp_buf == nullptr && level() > 1)
-        trace("TOVNet::serviceCommand(): ", "NULL buffer detected");
+        trace({"TOVNet::serviceCommand(): ", "NULL buffer detected"});
       const int pt = tovCache.getPollTime(address);
       if (level() > 1)
-        trace("TOVNet::serviceCommand(): TOV is busy - ", "Retrying in ", pt,
-              " second(s)");
+        trace({"TOVNet::serviceCommand(): TOV is busy - ", "Retrying in ", pt,
+               " second(s)"});
       sleep(pt);
       // Busy replies are abandoned, not released: only the last one is.
       tmp_buf = nullptr;
@@ -710,7 +752,7 @@ int TOVNet::serviceCommand(std::string address, std::string port,
     if (print_command) std::cout << tovcommand << std::endl;
     return TOV_OK;
   } catch (std::exception& e) {
-    report(where, "EXCEPTION - ", e.what());
+    report(where, {"EXCEPTION - ", e.what()});
     return tovDebug.setError(TOV_EXCEPT_SVCCMD);
   }
 }
@@ -838,19 +880,19 @@ int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
   const std::string target = address.empty() ? "255.255.255.255" : address;
   const hostent* host = gethostbyname(target.c_str());
   if (host == nullptr) {
-    report(where, "gethostbyname");
+    report(where, {"gethostbyname"});
     return TOV_SOCK_RESOLVE_HOST;
   }
   const int sock = socket(AF_INET, SOCK_DGRAM, 0);
   if (sock == -1) {
-    report(where, "socket");
+    report(where, {"socket"});
     return TOV_SOCK_CREATE;
   }
   // Always set, so that a directed broadcast address works as a target too.
   const int broadcast = 1;
   if (setsockopt(sock, SOL_SOCKET, SO_BROADCAST, &broadcast,
                  sizeof broadcast) == -1) {
-    report(where, "setsockopt (SO_BROADCAST)");
+    report(where, {"setsockopt (SO_BROADCAST)"});
     return TOV_SOCK_GETOPTS;
   }
   // Room for many answers arriving at once; the kernel may grant less, and
@@ -867,7 +909,7 @@ int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
   static const char probe[] = "\xCD\xCD\xCD\xCD\xCD\xCD\xCD\xCD";
   if (sendto(sock, probe, std::strlen(probe), 0,
              reinterpret_cast<const sockaddr*>(&dest), 16) == -1) {
-    report(where, "sendto");
+    report(where, {"sendto"});
     return TOV_SOCK_SEND;
   }
 
@@ -891,15 +933,16 @@ int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
     recvfrom(sock, answer, sizeof answer - 1, 0,
              reinterpret_cast<sockaddr*>(&from), &fromLen);
     if (level() == 3)
-      trace("TOVNet::discoverClusters():\n",
-            "\n*****CLUSTER DISCOVERY RESPONSE START*****\n", answer,
-            "\n******CLUSTER DISCOVERY RESPONSE END******\n");
+      trace({"TOVNet::discoverClusters():\n",
+             "\n*****CLUSTER DISCOVERY RESPONSE START*****\n", answer,
+             "\n******CLUSTER DISCOVERY RESPONSE END******\n"});
     tovUtils::tokenizer(answer, pooledLines, "\n");
     std::memset(answer, 0, sizeof answer);
   }
   close(sock);
   if (level() > 1)
-    trace("TOVNet::discoverClusters(): ", "Search (with debugging output)...");
+    trace(
+        {"TOVNet::discoverClusters(): ", "Search (with debugging output)..."});
   std::cout << " Done" << std::endl;
 
   discovery::reportAnswers(pooledLines, mode, prettyPrint, std::cout);
@@ -908,14 +951,14 @@ int TOVNet::discoverClusters(std::string address, int mode, bool prettyPrint) {
 
 int TOVNet::testNode(std::string address, std::string port) {
   if (level() > 0)
-    trace("TOVNet::test_node(): called [address=", address, ", port=", port,
-          "]");
+    trace({"TOVNet::test_node(): called [address=", address, ", port=", port,
+           "]"});
   const int sc_bkp = timeoutSec;
   const int usc_bkp = timeoutUsec;
   setTimeout(2.0);
   if (level() > 1)
-    trace("TOVNet::test_node(): set temporary timeout of ", timeoutSec,
-          " second(s) and ", timeoutUsec, " micro-second(s)");
+    trace({"TOVNet::test_node(): set temporary timeout of ", timeoutSec,
+           " second(s) and ", timeoutUsec, " micro-second(s)"});
 
   // Only the buffer of std::cerr changes hands; the stream object stays.
   std::stringstream ss;
@@ -926,7 +969,7 @@ int TOVNet::testNode(std::string address, std::string port) {
   const bool colourState = Debug::useColour;
   if (colourState) Debug::useColour = false;
   if (level() > 1)
-    trace("TOVNet::test_node(): ", "calling tovcomms to test the node");
+    trace({"TOVNet::test_node(): ", "calling tovcomms to test the node"});
   const int rc = tovCache.refreshCache(address, port, false);
   if (colourState) Debug::useColour = true;
 
@@ -938,10 +981,10 @@ int TOVNet::testNode(std::string address, std::string port) {
   timeoutSec = sc_bkp;
   timeoutUsec = usc_bkp;
   if (level() > 1)
-    trace("TOVNet::test_node(): restored timeout of ", timeoutSec,
-          " second(s) and ", timeoutUsec, " micro-second(s)");
+    trace({"TOVNet::test_node(): restored timeout of ", timeoutSec,
+           " second(s) and ", timeoutUsec, " micro-second(s)"});
   std::cerr.rdbuf(backup);
-  if (level() > 0) trace("TOVNet::test_node(): returning [", rc, "]");
+  if (level() > 0) trace({"TOVNet::test_node(): returning [", rc, "]"});
   return rc;
 }
 

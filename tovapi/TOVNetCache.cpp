@@ -75,8 +75,8 @@ void report(const char* location, const std::string& text) {
 
 // The records of one letter: the kind's list for the known letters, the
 // matching miscellaneous records for any other.
-std::vector<InfoRecord> recordsOfLetter(const InfoTable& table, char letter) {
-  tov_info_letters kind = cacheinternal::kindOfLetter(letter);
+std::vector<InfoRecord> recordsOfLetter(const InfoTable& table,
+                                        tov_info_letters kind, char letter) {
   if (kind >= table.size()) return {};
   if (kind != tovInfo_MISC) return table[kind];
   std::vector<InfoRecord> out;
@@ -419,7 +419,12 @@ std::vector<std::string> TOVNetCache::tovInfoGetValueVector(
   if (pos < 0) return {};
   if (static_cast<unsigned>(kind) >= getCacheEndValue(pos)) return {};
   const auto& records = tovInfo[static_cast<std::size_t>(pos)][kind];
-  if (record >= records.size()) return {};
+  if (record >= records.size()) {
+    trace(3, std::string("TOVNetCache::tovInfoGetValueVector(): no ") +
+                 getIDLetter(kind) + " record " + std::to_string(record) +
+                 " for " + address);
+    return {};
+  }
   return records[record];
 }
 
@@ -474,8 +479,8 @@ std::vector<std::string> TOVNetCache::infoVecHandler(char letter,
   refreshCache(address, port, false);
   int pos = _getNodePos(address);
   if (pos < 0) return {};
-  std::vector<InfoRecord> records =
-      recordsOfLetter(tovInfo[static_cast<std::size_t>(pos)], letter);
+  std::vector<InfoRecord> records = recordsOfLetter(
+      tovInfo[static_cast<std::size_t>(pos)], getLetterID(letter), letter);
   if (record >= records.size() || field >= records[record].size()) return {};
   const InfoRecord& chosen = records[record];
   return std::vector<std::string>(chosen.begin() + field, chosen.end());
@@ -488,7 +493,8 @@ std::vector<std::vector<std::string>> TOVNetCache::getAllLetterInfoHandler(
   refreshCache(address, port, forceUpdate);
   int pos = _getNodePos(address);
   if (pos < 0) return {};
-  return recordsOfLetter(tovInfo[static_cast<std::size_t>(pos)], letter);
+  return recordsOfLetter(tovInfo[static_cast<std::size_t>(pos)],
+                         getLetterID(letter), letter);
 }
 
 char TOVNetCache::getIDLetter(tov_info_letters kind) {
