@@ -1,0 +1,144 @@
+// The fault matrix through the built tovctl: for each fault, a service
+// command (`bounce web`) and a raw request (`send`), with the exit status and
+// the one error line checked.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "fault_table.h"
+#include "netns/netns_lab.h"
+#include "tovctl/run_tool.h"
+
+namespace tovctltest {
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Outcome, status, out, err)
+}  // namespace tovctltest
+
+namespace faults {
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using tovctltest::linesOf;
+using tovctltest::Outcome;
+using tovctltest::runTovctl;
+
+class ToolSide : public testing::TestWithParam<Fault> {
+ protected:
+  static void SetUpTestSuite() {
+    char templ[] = "/tmp/tovfaults-XXXXXX";
+    ASSERT_NE(mkdtemp(templ), nullptr);
+    dir_ = templ;
+    std::ofstream(dir_ + "/good") << "secret\n";
+    std::ofstream(dir_ + "/bad") << "not-the-password\n";
+  }
+  static void TearDownTestSuite() {
+    std::remove((dir_ + "/good").c_str());
+    std::remove((dir_ + "/bad").c_str());
+    rmdir(dir_.c_str());
+  }
+
+  // Both commands of a row, aimed at host:port.
+  static std::pair<Outcome, Outcome> runBoth(const Fault& f,
+                                             const std::string& host,
+                                             const std::string& port) {
+    const std::vector<std::string> common{
+        "-H",
+        host,
+        "-p",
+        port,
+        "-t",
+        kTimeoutArg,
+        "-a",
+        std::to_string(kAttempts),
+        "-u",
+        "admin",
+        "--password-file",
+        dir_ + (f.wrongPassword ? "/bad" : "/good")};
+    std::vector<std::string> bounce = common;
+    bounce.insert(bounce.end(), {"bounce", "web"});
+    std::vector<std::string> send = common;
+    send.insert(send.end(), {"send", f.request});
+    return {runTovctl(bounce), runTovctl(send)};
+  }
+
+  static std::string dir_;
+};
+
+std::string ToolSide::dir_;
+
+void expectTool(const char* what, const Outcome& got, const Expect& want,
+                const std::string& host, const std::string& port) {
+  SCOPED_TRACE(what);
+  EXPECT_EQ(got.status, want.code) << got.err;
+  const std::string text = fill(want.text, host, port);
+  if (want.code == 0) {
+    EXPECT_EQ(got.err, "");
+    // The first line only: a padded reply is far too long to show.
+    const std::string head = got.out.substr(0, got.out.find('\n'));
+    EXPECT_THAT(head.substr(0, 200), StartsWith(text));
+  } else {
+    const std::vector<std::string> lines = linesOf(got.err);
+    ASSERT_EQ(lines.size(), 1u) << got.err;
+    EXPECT_EQ(lines[0], text);
+  }
+}
+
+TEST_P(ToolSide, ExitsWithTheRowsStatusAndLine) {
+  const Fault& f = GetParam();
+  std::string host = "127.0.0.1";
+  std::string port;
+  std::pair<Outcome, Outcome> got;
+  const int fdsBefore = openDescriptors();
+
+  if (f.target == Target::Blackhole) {
+    if (geteuid() != 0)
+      GTEST_SKIP() << "a blackholed address needs a private network "
+                      "namespace, and creating one needs root";
+    host = kBlackholeAddr;
+    port = kBlackholePort;
+    const netnstest::Outcome child =
+        netnstest::runIsolated(blackholeSetup(), [&] {
+          std::cout << nlohmann::json(runBoth(f, host, port)).dump();
+          return 0;
+        });
+    if (child.status == 77)
+      GTEST_SKIP() << "this system refuses to create a network namespace";
+    ASSERT_EQ(child.status, 0) << child.output;
+    got =
+        nlohmann::json::parse(child.output).get<std::pair<Outcome, Outcome>>();
+  } else if (f.target == Target::ClosedPort) {
+    port = std::to_string(closedPort());
+    got = runBoth(f, host, port);
+  } else {
+    auto sim = startSimulator(f);
+    port = sim->portStr();
+    got = runBoth(f, host, port);
+    sim->stop();
+    EXPECT_FALSE(sim->running());
+    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
+  }
+
+  EXPECT_EQ(openDescriptors(), fdsBefore) << "descriptors leaked";
+  expectTool("tovctl bounce web", got.first, f.bounce, host, port);
+  expectTool("tovctl send", got.second, f.send, host, port);
+  if (f.send.code == 0 && f.replyLength != 0) {
+    // The reply as received, plus a line end where it had none.
+    EXPECT_GE(got.second.out.size(), f.replyLength);
+    EXPECT_LE(got.second.out.size(), f.replyLength + 1);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, ToolSide, testing::ValuesIn(faultTable()),
+                         [](const testing::TestParamInfo<Fault>& info) {
+                           return info.param.name;
+                         });
+
+}  // namespace
+
+}  // namespace faults
