@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -46,6 +47,22 @@ double threadCpuNanos();
 // percentile; both 0 for an empty list.
 double median(std::vector<double> values);
 double percentile(std::vector<double> values, double p);
+
+// Runs `a` and `b` once each, alternating from call to call which goes
+// first, so that changes in the machine's load hit both alike.
+template <typename A, typename B>
+auto alternately(bool& aFirst, A a, B b) {
+  std::pair<decltype(a()), decltype(b())> results{};
+  if (aFirst) {
+    results.first = a();
+    results.second = b();
+  } else {
+    results.second = b();
+    results.first = a();
+  }
+  aFirst = !aFirst;
+  return results;
+}
 
 // 127.0.0.1:port.
 sockaddr_in loopbackAddress(int port);

@@ -93,15 +93,10 @@ void BM_Discovery(benchmark::State& state, bool labelled) {
   unsigned smallPrinted = 0, largePrinted = 0;
   bool smallFirst = true;
   for (auto _ : state) {
-    double s = 0, l = 0;
-    if (smallFirst) {
-      s = warmReport(small, labelled, out, smallPrinted);
-      l = warmReport(large, labelled, out, largePrinted);
-    } else {
-      l = warmReport(large, labelled, out, largePrinted);
-      s = warmReport(small, labelled, out, smallPrinted);
-    }
-    smallFirst = !smallFirst;
+    const auto [s, l] = alternately(
+        smallFirst,
+        [&] { return warmReport(small, labelled, out, smallPrinted); },
+        [&] { return warmReport(large, labelled, out, largePrinted); });
     smallNs.push_back(s);
     largeNs.push_back(l);
     state.SetIterationTime((s + l) / 1e9);

@@ -61,15 +61,8 @@ void BM_Exchange(benchmark::State& state, Sizes sizes) {
   raw.reserve(static_cast<std::size_t>(state.max_iterations));
   bool libFirst = true;
   for (auto _ : state) {
-    double l = 0, r = 0;
-    if (libFirst) {
-      l = viaLibrary();
-      r = viaRawSocket();
-    } else {
-      r = viaRawSocket();
-      l = viaLibrary();
-    }
-    libFirst = !libFirst;
+    const auto [l, r] = alternately(
+        libFirst, [&] { return viaLibrary(); }, [&] { return viaRawSocket(); });
     if (l < 0 || r < 0) {
       state.SkipWithError(l < 0 ? "tovcomms exchange failed"
                                 : "raw socket exchange failed");

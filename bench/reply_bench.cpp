@@ -80,15 +80,8 @@ void BM_Reply(benchmark::State& state, Sizes sizes) {
   std::size_t libPeak = 0, rawPeak = 0;
   bool libFirst = true;
   for (auto _ : state) {
-    Sample l, r;
-    if (libFirst) {
-      l = viaLibrary();
-      r = viaRecvLoop();
-    } else {
-      r = viaRecvLoop();
-      l = viaLibrary();
-    }
-    libFirst = !libFirst;
+    const auto [l, r] = alternately(
+        libFirst, [&] { return viaLibrary(); }, [&] { return viaRecvLoop(); });
     if (l.ns < 0 || r.ns < 0) {
       state.SkipWithError(l.ns < 0 ? "tovcomms fetch failed or was wrong"
                                    : "recv loop fetch failed or was wrong");

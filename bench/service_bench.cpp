@@ -55,15 +55,8 @@ void BM_ServiceCommand(benchmark::State& state, Sizes sizes) {
   std::vector<double> calls, refreshes;
   bool bounceFirst = true;
   for (auto _ : state) {
-    double b = 0, r = 0;
-    if (bounceFirst) {
-      b = bounce();
-      r = refresh();
-    } else {
-      r = refresh();
-      b = bounce();
-    }
-    bounceFirst = !bounceFirst;
+    const auto [b, r] = alternately(
+        bounceFirst, [&] { return bounce(); }, [&] { return refresh(); });
     if (b < 0 || r < 0) {
       state.SkipWithError(b < 0 ? "serviceCommand failed"
                                 : "forced cache refresh failed");

@@ -186,12 +186,13 @@ std::string Auth::getAdminHash(std::string password) {
 }
 
 std::string Auth::getUserPass(std::string prompt) {
-  std::cerr << prompt << std::flush;
   std::string password;
   {
     // On a terminal the typed text stays hidden; anything else (a pipe, a
-    // file) is simply read, one line.
+    // file) is simply read, one line. Echo goes off before the prompt shows,
+    // so nothing typed in answer to it is ever echoed.
     EchoOff quiet(STDIN_FILENO);
+    std::cerr << prompt << std::flush;
     std::getline(std::cin, password);
   }
   if (!password.empty() && password.back() == '\r') password.pop_back();

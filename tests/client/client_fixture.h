@@ -10,6 +10,7 @@
 #include <string>
 
 #include "doubles/doubles.h"
+#include "support/stream_capture.h"
 #include "tovapi/libtovapi.h"
 
 namespace tov1 {
@@ -25,19 +26,7 @@ constexpr int fail(tov1::tov_error_enum code) {
   return -static_cast<int>(code);
 }
 
-// Swaps the buffer of a standard stream for the lifetime of the object.
-class Capture {
- public:
-  explicit Capture(std::ostream& stream)
-      : stream_(stream), old_(stream.rdbuf(text_.rdbuf())) {}
-  ~Capture() { stream_.rdbuf(old_); }
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostream& stream_;
-  std::stringstream text_;
-  std::streambuf* old_;
-};
+using Capture = testsupport::StreamCapture;
 
 class ClientTest : public testing::Test {
  protected:

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "client_fixture.h"
-#include "net_helpers.h"
+#include "support/net_helpers.h"
 #include "tovapi/internal_discovery.h"
 
 namespace {
@@ -223,7 +223,7 @@ TEST_F(ClientTest, DiscoveryKeepsAThousandSimultaneousAnswers) {
 TEST_F(ClientTest, DiscoveryFailuresAndSilence) {
   {
     clienttest::Capture out(std::cout);
-    EXPECT_EQ(net.discoverClusters(clienttest::kUnresolvable, 0, true),
+    EXPECT_EQ(net.discoverClusters(testsupport::kUnresolvable, 0, true),
               static_cast<int>(TOV_SOCK_RESOLVE_HOST));
     EXPECT_EQ(out.text(), "");
   }

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "client_fixture.h"
-#include "net_helpers.h"
 #include "support/loopback_server.h"
+#include "support/net_helpers.h"
 #include "support/private_access.h"
 
 namespace {
@@ -172,13 +172,13 @@ TEST_F(ExchangeTest, FailuresLeaveTheBufferAlone) {
 }
 
 TEST_F(ExchangeTest, RefusedAndUnresolvable) {
-  const std::string port = std::to_string(clienttest::closedPort());
+  const std::string port = std::to_string(testsupport::closedPort());
   EXPECT_EQ(net.tovcomms(buffer, "127.0.0.1", port, "B 0", {}, ""),
             fail(TOV_SOCK_CONNECT));
   EXPECT_EQ(lastErrorText().rfind("cannot connect to server 127.0.0.1: ", 0),
             0u);
   EXPECT_EQ(
-      net.tovcomms(buffer, clienttest::kUnresolvable, "1195", "B 0", {}, ""),
+      net.tovcomms(buffer, testsupport::kUnresolvable, "1195", "B 0", {}, ""),
       fail(TOV_SOCK_RESOLVE_HOST));
   EXPECT_EQ(lastErrorText(), "failed to get address info for bad..host:1195\n");
   EXPECT_EQ(buffer, sentinel);
@@ -266,7 +266,7 @@ TEST_F(ExchangeTest, ConnectTimeoutOutcomes) {
 
   // Refused: at once (69) or after the wait (71), and the socket stays
   // non-blocking.
-  addr.sin_port = htons(static_cast<uint16_t>(clienttest::closedPort()));
+  addr.sin_port = htons(static_cast<uint16_t>(testsupport::closedPort()));
   fd = socket(AF_INET, SOCK_STREAM, 0);
   const int rc = privileged::connectTimeout(
       net, fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr, 1, 0);

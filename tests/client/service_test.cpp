@@ -3,8 +3,8 @@
 #include <stdexcept>
 
 #include "client_fixture.h"
-#include "net_helpers.h"
 #include "support/loopback_server.h"
+#include "support/net_helpers.h"
 
 namespace {
 
@@ -208,7 +208,7 @@ TEST_F(ServiceTest, ReplyLetterDecidesNotTheFirstCharacter) {
 }
 
 TEST_F(ServiceTest, ExchangeFailureIsReturnedAtOnce) {
-  const std::string port = std::to_string(clienttest::closedPort());
+  const std::string port = std::to_string(testsupport::closedPort());
   EXPECT_EQ(net.serviceCommand("127.0.0.1", port, "B", {}, 0, 5, ""),
             fail(TOV_SOCK_CONNECT));
   EXPECT_TRUE(rec().pollTimeCalls.empty());

@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "client_fixture.h"
-#include "net_helpers.h"
+#include "support/net_helpers.h"
 
 namespace {
 
@@ -78,7 +78,7 @@ TEST_F(ClientTest, ValidateHostFailures) {
             "failed to resolve the hostname 0.0.0.0\n");
 
   ip = &marker;
-  EXPECT_EQ(net.validateHost(clienttest::kUnresolvable, &ip),
+  EXPECT_EQ(net.validateHost(testsupport::kUnresolvable, &ip),
             fail(TOV_SOCK_RESOLVE_HOST));
   EXPECT_EQ(ip, nullptr);
   EXPECT_EQ(rec().errors.back().first, "TOVNet::validateHost()");

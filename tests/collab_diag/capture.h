@@ -7,20 +7,10 @@
 #include <sstream>
 #include <string>
 
+#include "support/stream_capture.h"
 #include "tovapi/libtovapi.h"
 
-class CerrCapture {
- public:
-  CerrCapture() : old_(std::cerr.rdbuf(buf_.rdbuf())) {}
-  ~CerrCapture() { std::cerr.rdbuf(old_); }
-  CerrCapture(const CerrCapture&) = delete;
-  CerrCapture& operator=(const CerrCapture&) = delete;
-  std::string text() const { return buf_.str(); }
-
- private:
-  std::ostringstream buf_;
-  std::streambuf* old_;
-};
+using CerrCapture = testsupport::StreamCapture;
 
 // Leaves the process-wide diagnostic settings as each test found them.
 class DiagState {

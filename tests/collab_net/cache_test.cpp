@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "loopback_daemon.h"
+#include "support/stream_capture.h"
 #include "tovapi/internal_cache.h"
 #include "tovapi/libtovapi.h"
 
@@ -44,16 +45,7 @@ std::string infoReply(const std::string& poll = "3600",
          "X extra stuff\n";
 }
 
-class CerrCapture {
- public:
-  CerrCapture() : old_(std::cerr.rdbuf(buf_.rdbuf())) {}
-  ~CerrCapture() { std::cerr.rdbuf(old_); }
-  std::string text() const { return buf_.str(); }
-
- private:
-  std::ostringstream buf_;
-  std::streambuf* old_;
-};
+using CerrCapture = testsupport::StreamCapture;
 
 // Every test starts from an empty cache and leaves one behind.
 class InfoCache : public ::testing::Test {

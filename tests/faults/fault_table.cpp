@@ -1,11 +1,14 @@
 #include "fault_table.h"
 
+#include "support/net_helpers.h"
+
 #include <dirent.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <stdexcept>
+#include <utility>
 
 #include "tovapi/libtovapi.h"
 
@@ -194,35 +197,26 @@ std::vector<Fault> makeTable() {
                       "code 22); the daemon says \"authentication failed\""));
   t.push_back(f);
 
-  f = Fault{};
-  f.name = "refused_port";
-  f.target = Target::ClosedPort;
-  f.exchange = fails(TOV_SOCK_CONNECT,
-                     "TOVNet::tovcomms(): cannot connect to server {addr}: ");
-  f.service = fails(TOV_SVC_INVALID, "cannot connect to server {addr}: ");
-  f.bounce =
-      fails(TOV_SOCK_CONNECT,
-            line(kReadList, "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-  f.send =
-      fails(TOV_SOCK_CONNECT,
-            line(sendOf("B 0"), "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-  t.push_back(f);
-
-  // The connect itself times out; the exchange reports any failed connect
-  // as a connect failure.
-  f = Fault{};
-  f.name = "blackholed_address";
-  f.target = Target::Blackhole;
-  f.exchange = fails(TOV_SOCK_CONNECT,
-                     "TOVNet::tovcomms(): cannot connect to server {addr}: ");
-  f.service = fails(TOV_SVC_INVALID, "cannot connect to server {addr}: ");
-  f.bounce =
-      fails(TOV_SOCK_CONNECT,
-            line(kReadList, "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-  f.send =
-      fails(TOV_SOCK_CONNECT,
-            line(sendOf("B 0"), "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-  t.push_back(f);
+  // Nobody answers the connect: refused at once, or never answered at all
+  // (the connect itself times out). The exchange reports both as a connect
+  // failure.
+  for (const auto& [name, target] :
+       {std::pair{"refused_port", Target::ClosedPort},
+        std::pair{"blackholed_address", Target::Blackhole}}) {
+    f = Fault{};
+    f.name = name;
+    f.target = target;
+    f.exchange = fails(TOV_SOCK_CONNECT,
+                       "TOVNet::tovcomms(): cannot connect to server {addr}: ");
+    f.service = fails(TOV_SVC_INVALID, "cannot connect to server {addr}: ");
+    f.bounce =
+        fails(TOV_SOCK_CONNECT,
+              line(kReadList, "cannot connect (TOV_SOCK_CONNECT, code 69)"));
+    f.send = fails(
+        TOV_SOCK_CONNECT,
+        line(sendOf("B 0"), "cannot connect (TOV_SOCK_CONNECT, code 69)"));
+    t.push_back(f);
+  }
 
   return t;
 }
@@ -258,20 +252,7 @@ int openDescriptors() {
   return n;
 }
 
-int closedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-    if (fd >= 0) close(fd);
-    throw std::runtime_error("cannot find a free loopback port");
-  }
-  close(fd);
-  return ntohs(a.sin_port);
-}
+int closedPort() { return testsupport::closedPort(); }
 
 const std::vector<std::string>& blackholeSetup() {
   static const std::vector<std::string> setup{

@@ -5,12 +5,18 @@
 #ifndef TESTS_FAULTS_FAULT_TABLE_H
 #define TESTS_FAULTS_FAULT_TABLE_H
 
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <cstddef>
+#include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "netns/netns_lab.h"
 #include "support/sim.h"
 
 namespace faults {
@@ -75,6 +81,48 @@ const std::vector<std::string>& blackholeSetup();
 
 // The simulator for a row (default test cluster, the row's fault flags).
 std::unique_ptr<simtest::SimProcess> startSimulator(const Fault& f);
+
+// Runs `observe(host, port)` against the row's target: a simulator started
+// for the row (and checked to stop cleanly), a closed loopback port, or a
+// blackholed address inside a private namespace, in a child process whose
+// result comes back as JSON. Sets `host` and `port` to what was used; false,
+// with the reason, when the row cannot run here.
+template <typename Result, typename Observe>
+bool runAgainstTarget(const Fault& f, std::string& host, std::string& port,
+                      Observe observe, Result& out, std::string& skip) {
+  if (f.target == Target::Blackhole) {
+    if (geteuid() != 0) {
+      skip =
+          "a blackholed address needs a private network namespace, and "
+          "creating one needs root";
+      return false;
+    }
+    host = kBlackholeAddr;
+    port = kBlackholePort;
+    const netnstest::Outcome child =
+        netnstest::runIsolated(blackholeSetup(), [&] {
+          std::cout << nlohmann::json(observe(host, port)).dump();
+          return 0;
+        });
+    if (child.status == 77) {
+      skip = "this system refuses to create a network namespace";
+      return false;
+    }
+    EXPECT_EQ(child.status, 0) << child.output;
+    out = nlohmann::json::parse(child.output).get<Result>();
+  } else if (f.target == Target::ClosedPort) {
+    port = std::to_string(closedPort());
+    out = observe(host, port);
+  } else {
+    auto sim = startSimulator(f);
+    port = sim->portStr();
+    out = observe(host, port);
+    sim->stop();
+    EXPECT_FALSE(sim->running());
+    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
+  }
+  return true;
+}
 
 }  // namespace faults
 

@@ -12,6 +12,7 @@
 
 #include "fault_table.h"
 #include "netns/netns_lab.h"
+#include "support/stream_capture.h"
 #include "tovapi/libtovapi.h"
 
 namespace faults {
@@ -42,19 +43,7 @@ namespace {
 using namespace tov1;
 using testing::HasSubstr;
 
-// Takes what the library writes to std::cerr for as long as it lives.
-class CerrCapture {
- public:
-  CerrCapture() : saved_(std::cerr.rdbuf(text_.rdbuf())) {}
-  ~CerrCapture() { std::cerr.rdbuf(saved_); }
-  CerrCapture(const CerrCapture&) = delete;
-  CerrCapture& operator=(const CerrCapture&) = delete;
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostringstream text_;
-  std::streambuf* saved_;
-};
+using CerrCapture = testsupport::StreamCapture;
 
 LibraryRun observeLibrary(const Fault& f, const std::string& host,
                           const std::string& port) {
@@ -129,32 +118,14 @@ TEST_P(LibrarySide, GivesTheRowsCodeAndMessage) {
   std::string port;
   LibraryRun run;
 
-  if (f.target == Target::Blackhole) {
-    if (geteuid() != 0)
-      GTEST_SKIP() << "a blackholed address needs a private network "
-                      "namespace, and creating one needs root";
-    host = kBlackholeAddr;
-    port = kBlackholePort;
-    const netnstest::Outcome child =
-        netnstest::runIsolated(blackholeSetup(), [&] {
-          std::cout << nlohmann::json(observeLibrary(f, host, port)).dump();
-          return 0;
-        });
-    if (child.status == 77)
-      GTEST_SKIP() << "this system refuses to create a network namespace";
-    ASSERT_EQ(child.status, 0) << child.output;
-    run = nlohmann::json::parse(child.output).get<LibraryRun>();
-  } else if (f.target == Target::ClosedPort) {
-    port = std::to_string(closedPort());
-    run = observeLibrary(f, host, port);
-  } else {
-    auto sim = startSimulator(f);
-    port = sim->portStr();
-    run = observeLibrary(f, host, port);
-    sim->stop();
-    EXPECT_FALSE(sim->running());
-    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
-  }
+  std::string skip;
+  if (!runAgainstTarget(
+          f, host, port,
+          [&f](const std::string& h, const std::string& p) {
+            return observeLibrary(f, h, p);
+          },
+          run, skip))
+    GTEST_SKIP() << skip;
 
   EXPECT_EQ(run.fdsAfter, run.fdsBefore) << "descriptors leaked";
 

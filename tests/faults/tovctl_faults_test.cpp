@@ -96,33 +96,14 @@ TEST_P(ToolSide, ExitsWithTheRowsStatusAndLine) {
   std::pair<Outcome, Outcome> got;
   const int fdsBefore = openDescriptors();
 
-  if (f.target == Target::Blackhole) {
-    if (geteuid() != 0)
-      GTEST_SKIP() << "a blackholed address needs a private network "
-                      "namespace, and creating one needs root";
-    host = kBlackholeAddr;
-    port = kBlackholePort;
-    const netnstest::Outcome child =
-        netnstest::runIsolated(blackholeSetup(), [&] {
-          std::cout << nlohmann::json(runBoth(f, host, port)).dump();
-          return 0;
-        });
-    if (child.status == 77)
-      GTEST_SKIP() << "this system refuses to create a network namespace";
-    ASSERT_EQ(child.status, 0) << child.output;
-    got =
-        nlohmann::json::parse(child.output).get<std::pair<Outcome, Outcome>>();
-  } else if (f.target == Target::ClosedPort) {
-    port = std::to_string(closedPort());
-    got = runBoth(f, host, port);
-  } else {
-    auto sim = startSimulator(f);
-    port = sim->portStr();
-    got = runBoth(f, host, port);
-    sim->stop();
-    EXPECT_FALSE(sim->running());
-    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
-  }
+  std::string skip;
+  if (!runAgainstTarget(
+          f, host, port,
+          [&f](const std::string& h, const std::string& p) {
+            return runBoth(f, h, p);
+          },
+          got, skip))
+    GTEST_SKIP() << skip;
 
   EXPECT_EQ(openDescriptors(), fdsBefore) << "descriptors leaked";
   expectTool("tovctl bounce web", got.first, f.bounce, host, port);

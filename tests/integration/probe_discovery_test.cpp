@@ -2,25 +2,15 @@
 #include <iostream>
 
 #include "sim_fixture.h"
-#include "tests/client/net_helpers.h"
+#include "support/net_helpers.h"
+#include "support/stream_capture.h"
 
 namespace {
 
 using integration::SimTest;
 using namespace tov1;
 
-// Everything written to a standard stream while the object lives.
-class Capture {
- public:
-  explicit Capture(std::ostream& s) : s_(s), old_(s.rdbuf(text_.rdbuf())) {}
-  ~Capture() { s_.rdbuf(old_); }
-  std::string text() const { return text_.str(); }
-
- private:
-  std::ostream& s_;
-  std::stringstream text_;
-  std::streambuf* old_;
-};
+using Capture = testsupport::StreamCapture;
 
 TEST_F(SimTest, ProbeOfLiveAndDeadNodesIsQuiet) {
   start();
@@ -29,7 +19,7 @@ TEST_F(SimTest, ProbeOfLiveAndDeadNodesIsQuiet) {
   {
     Capture err(std::cerr);
     EXPECT_EQ(tovNet.testNode(host, port), 0);
-    const std::string dead = std::to_string(clienttest::closedPort());
+    const std::string dead = std::to_string(testsupport::closedPort());
     EXPECT_LT(tovNet.testNode(host, dead), 0);
     EXPECT_EQ(err.text(), "");
   }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "run_tool.h"
+#include "support/net_helpers.h"
 #include "support/sim.h"
 
 namespace {
@@ -27,21 +28,7 @@ using tovctltest::runTovctl;
 
 constexpr int kUsage = 100;
 
-// A loopback port that nothing listens on: bound once, then released.
-int closedPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-    if (fd >= 0) close(fd);
-    return 1;  // port 1 is never served on loopback in a test machine
-  }
-  close(fd);
-  return ntohs(a.sin_port);
-}
+using testsupport::closedPort;
 
 // Failures must be reported in exactly one line on standard error.
 void expectOneErrorLine(const Outcome& r, const std::string& fragment) {
