@@ -70,7 +70,8 @@ BENCH_BUILD ?= build-bench
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -G $(GENERATOR) -DCMAKE_BUILD_TYPE=Release \
 	  -DTOVAPI_BENCH=ON $(CMAKE_ARGS)
-	cmake --build $(BENCH_BUILD) -j $(JOBS) --target tovapi_bench
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target tovapi_bench discovery_burst
+	$(BENCH_BUILD)/bench/discovery_burst
 	$(BENCH_BUILD)/bench/tovapi_bench $(BENCH_ARGS)
 
 # libFuzzer (clang, ASan + UBSan) in a build directory of its own; never part
