@@ -193,6 +193,7 @@ TEST_F(ClientTest, DiscoveryCollectsAnswersForTwoAndAHalfSeconds) {
   UdpNode node("127.0.9.1", {c + "\nN n1 127.0.9.1 4", "N n2 127.0.9.2 4\n",
                              c + "\nN n1 127.0.9.1 4"});
   ASSERT_TRUE(node.bound()) << "UDP 127.0.9.1:1195 is taken";
+  rec().level = 3;
   clienttest::Capture out(std::cout);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(net.discoverClusters("127.0.9.1", tov_discover_all, false), 0);
@@ -202,6 +203,10 @@ TEST_F(ClientTest, DiscoveryCollectsAnswersForTwoAndAHalfSeconds) {
   EXPECT_GT(seconds, 2.3);
   EXPECT_LT(seconds, 4.0);
   EXPECT_EQ(node.probe(), std::string(8, '\xCD'));
+  EXPECT_TRUE(
+      rec().wrote("TOVNet::discoverClusters():\n\n*****CLUSTER "
+                  "DISCOVERY RESPONSE START*****\nN n2 127.0.9.2 4\n"
+                  "\n******CLUSTER DISCOVERY RESPONSE END******\n\n"));
   EXPECT_EQ(out.text(), "Searching for Clusters... Done\n\n" + c +
                             "\nN n1 127.0.9.1 4\nN n2 127.0.9.2 4\n" +
                             summary(1, " cluster(s)"));

@@ -127,6 +127,32 @@ TEST_F(ExchangeTest, ReplyCollection) {
   }
 }
 
+TEST_F(ExchangeTest, NewlineRemovalAndAuthenticationAreTraced) {
+  rec().level = 3;
+  LoopbackServer server({replying("Ba ok")});
+  ASSERT_EQ(exchange(server, "B\n0", {"admin", "d1"}), 0);
+  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): erasing newline found at: 1\n"));
+  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): authvec  = admin, d1\n"));
+  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): saltStr = 0a1b2c3d\n"));
+  EXPECT_TRUE(
+      rec().wrote("TOVNet::tovcomms(): output content [Length = 12] "
+                  "= B0\nuser 00ff\n"));
+  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): salt value = 0a1b2c3d\n"));
+}
+
+TEST_F(ExchangeTest, ResetInsteadOfASalt) {
+  Script reset;
+  reset.salt = "";
+  reset.readFrame = false;
+  reset.resetAfterReply = true;
+  reset.closeDelayMs = 100;  // after the client is waiting for the salt
+  LoopbackServer server({reset});
+  EXPECT_EQ(exchange(server, "B 0"), fail(TOV_COMMS_SALT));
+  EXPECT_EQ(lastErrorText().rfind("failed to receive salt from host: ", 0), 0u)
+      << lastErrorText();
+  EXPECT_EQ(buffer, sentinel);
+}
+
 TEST_F(ExchangeTest, FullFragmentsAreTracedAtLevelThree) {
   rec().level = 3;
   LoopbackServer server({replying(std::string(20000, 'y'))});

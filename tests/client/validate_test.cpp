@@ -45,6 +45,23 @@ TEST_F(ClientTest, AddressFamilyTraces) {
       "TOVNet::validateAddressFamily(): NULL passed to version arg\n"));
   EXPECT_TRUE(rec().wrote("TOVNet::validateAddressFamily(): returned [0]\n"));
   EXPECT_FALSE(rec().wrote("calling getaddrinfo"));  // level 3 only
+
+  doubles::reset();
+  rec().level = 3;
+  int version = 0;
+  EXPECT_EQ(net.validateAddressFamily("fe80::1", &version), 0);
+  EXPECT_EQ(version, 6);
+  const std::vector<std::string> expected = {
+      "TOVNet::validateAddressFamily(): calling getaddrinfo\n",
+      "TOVNet::validateAddressFamily(): getaddrinfo returned [0]\n",
+      "TOVNet::validateAddressFamily(): fe80::1 is an ipv6 address\n",
+      "TOVNet::validateAddressFamily(): copying IP version to arg\n",
+      "TOVNet::validateAddressFamily(): calling freeaddrinfo()\n",
+      "TOVNet::validateAddressFamily(): returned [0]\n"};
+  ASSERT_EQ(rec().writes.size(), expected.size() + 1);
+  EXPECT_EQ(
+      std::vector<std::string>(rec().writes.begin() + 1, rec().writes.end()),
+      expected);
 }
 
 TEST_F(ClientTest, ValidateHostPrefersIpv6AndHandsOverMallocedText) {

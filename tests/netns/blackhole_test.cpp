@@ -43,4 +43,25 @@ TEST(Blackhole, ExchangeGivesUpWithinTheTimeout) {
   EXPECT_LT(seconds, 1.5);
 }
 
+// With no route at all the connect fails at once, and discovery cannot
+// even send its probe (its socket is then left open, as callers expect).
+TEST(Blackhole, NoRouteFailsAtOnce) {
+  const netnstest::Outcome outcome = netnstest::runIsolated({}, [] {
+    char* buffer = nullptr;
+    const int exchange =
+        tovNet.tovcomms(buffer, "198.18.0.2", "1195", "V 0", {}, "");
+    std::cout.setstate(std::ios::failbit);
+    const int discovery = tovNet.discoverClusters("198.18.0.2", 0, true);
+    std::cout.clear();
+    std::cout << exchange << " " << discovery;
+    return 0;
+  });
+  if (outcome.status == 77)
+    GTEST_SKIP() << "cannot create a network namespace here (needs root)";
+  ASSERT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output,
+            std::to_string(-static_cast<int>(TOV_SOCK_CONNECT)) + " " +
+                std::to_string(TOV_SOCK_SEND));
+}
+
 }  // namespace
