@@ -62,17 +62,17 @@ TEST_F(ClientTest, NoDescriptorLeftForASocket) {
   const std::string result = inChild([&client] {
     std::cerr.setstate(std::ios::failbit);  // keep the child's reports quiet
     gethostbyname("127.0.0.1");  // the resolver reads its files once, first
+    rlimit original{};
+    getrlimit(RLIMIT_NOFILE, &original);
     const int lowestFree = dup(0);
     close(lowestFree);
-    const rlimit none{static_cast<rlim_t>(lowestFree),
-                      static_cast<rlim_t>(lowestFree)};
+    const rlimit none{static_cast<rlim_t>(lowestFree), original.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
     char* buffer = nullptr;
     const int exchange =
         client.tovcomms(buffer, "127.0.0.1", "1", "V 0", {}, "");
     const int discovery = client.discoverClusters("127.0.0.1", 0, true);
-    const rlimit back{64, 64};  // room again for writing out coverage data
-    setrlimit(RLIMIT_NOFILE, &back);
+    setrlimit(RLIMIT_NOFILE, &original);  // room to write coverage data
     return std::to_string(exchange) + " " + std::to_string(discovery) + " " +
            doubles::rec().errors.at(0).second +
            doubles::rec().errors.at(1).second;

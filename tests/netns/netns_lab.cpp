@@ -46,7 +46,7 @@ Outcome runChild(const std::function<bool()>& prepare,
     const int rc = fn();
     std::cout.flush();
     std::fflush(stdout);
-    _exit(rc & 0xff);
+    std::exit(rc & 0xff);  // exit(), so that coverage data is written
   }
   close(pipeFds[1]);
   const auto deadline =
