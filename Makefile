@@ -41,7 +41,6 @@ MEMCHECK = valgrind --quiet --error-exitcode=1 --leak-check=full \
   --errors-for-leak-kinds=definite --suppressions=$(CURDIR)/tests/valgrind.supp
 memcheck: build
 	$(MEMCHECK) $(BUILD)/tests/integration/integration_test
-	$(MEMCHECK) $(BUILD)/tests/client/client_unit_test
 
 # Line and function coverage of the library by the whole suite (gcovr).
 COV_BUILD ?= build-coverage
