@@ -78,4 +78,17 @@ bool rawExchange(const sockaddr_in& addr, const char* frame,
   return ok;
 }
 
+std::unique_ptr<simtest::SimProcess> startSimulator(benchmark::State& state,
+                                                    const Sizes& sizes) {
+  simtest::SimOptions opts;
+  opts.configJson = simtest::defaultConfigJson();
+  opts.maxLifetimeSec = sizes.simLifetimeSec;
+  try {
+    return std::make_unique<simtest::SimProcess>(opts);
+  } catch (const std::exception& e) {
+    state.SkipWithError(e.what());
+    return nullptr;
+  }
+}
+
 }  // namespace bench

@@ -5,11 +5,16 @@
 
 #include <netinet/in.h>
 
+#include <benchmark/benchmark.h>
+
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/sim.h"
 
 namespace bench {
 
@@ -63,6 +68,11 @@ auto alternately(bool& aFirst, A a, B b) {
   aFirst = !aFirst;
   return results;
 }
+
+// The simulator with the default test cluster, for one benchmark; null (and
+// the benchmark marked as skipped) when it does not start.
+std::unique_ptr<simtest::SimProcess> startSimulator(benchmark::State& state,
+                                                    const Sizes& sizes);
 
 // 127.0.0.1:port.
 sockaddr_in loopbackAddress(int port);

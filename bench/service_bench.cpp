@@ -20,16 +20,8 @@ namespace {
 
 void BM_ServiceCommand(benchmark::State& state, Sizes sizes) {
   tov1::tovDebug.setDebugLevel(0);
-  simtest::SimOptions opts;
-  opts.configJson = simtest::defaultConfigJson();
-  opts.maxLifetimeSec = sizes.simLifetimeSec;
-  std::unique_ptr<simtest::SimProcess> sim;
-  try {
-    sim = std::make_unique<simtest::SimProcess>(opts);
-  } catch (const std::exception& e) {
-    state.SkipWithError(e.what());
-    return;
-  }
+  std::unique_ptr<simtest::SimProcess> sim = startSimulator(state, sizes);
+  if (!sim) return;
   const std::string host = "127.0.0.1";
   const std::string port = sim->portStr();
   const std::vector<std::string> auth =
