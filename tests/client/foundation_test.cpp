@@ -223,12 +223,4 @@ TEST_F(ClientTest, ReadtovWarnsAlwaysAndCollapsesTheCacheResult) {
   }
 }
 
-TEST(Utilities, VectostrJoinsWithCommaAndBlank) {
-  EXPECT_EQ(tovUtils::vectostr(std::vector<std::string>{"a", "b", "c"}),
-            "a, b, c");
-  EXPECT_EQ(tovUtils::vectostr(std::vector<std::string>{}), "");
-  EXPECT_EQ(tovUtils::vectostr(std::vector<std::string>{"only"}), "only");
-  EXPECT_EQ(tovUtils::vectostr(std::vector<int>{1, 2}), "1, 2");
-}
-
 }  // namespace

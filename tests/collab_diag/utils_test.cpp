@@ -19,6 +19,7 @@ TEST(VecToStr, JoinsWithCommaAndBlank) {
   EXPECT_EQ(tovUtils::vectostr(Strings{}), "");
   EXPECT_EQ(tovUtils::vectostr(Strings{"only"}), "only");
   EXPECT_EQ(tovUtils::vectostr(Strings{"", ""}), ", ");
+  EXPECT_EQ(tovUtils::vectostr(std::vector<int>{1, 2}), "1, 2");
 }
 
 TEST(Tokenizer, SplitsAtAnyDelimiterWithoutEmptyPieces) {

@@ -1,5 +1,5 @@
-// Password entry on a real terminal (a pseudo-terminal made by the test) and
-// on a pipe, and the collaborators' own traces at the higher debug levels.
+// Password entry on a real terminal (a pseudo-terminal made by the test), and
+// the collaborators' own traces at the higher debug levels.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -75,7 +75,6 @@ void typeAtPrompt(int master) {
 }
 
 std::string askPassword() { return tovAuth.getUserPass("password: "); }
-std::string askAdmin() { return tovAuth.getAdminDigest(); }
 
 TEST(PasswordEntry, TerminalDoesNotEchoThePassword) {
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
@@ -93,24 +92,6 @@ TEST(PasswordEntry, TerminalDoesNotEchoThePassword) {
   close(master);
   EXPECT_NE(screen.find("password: "), std::string::npos);
   EXPECT_EQ(screen.find("hunter2"), std::string::npos) << screen;
-}
-
-TEST(PasswordEntry, PipeGivesOneLine) {
-  int in[2];
-  ASSERT_EQ(pipe(in), 0);
-  ASSERT_EQ(write(in[1], "s3cret\nrest\n", 12), 12);
-  close(in[1]);
-  const int devnull = open("/dev/null", O_WRONLY);
-  EXPECT_EQ(childWith(in[0], devnull, askPassword), "s3cret");
-  close(in[0]);
-
-  ASSERT_EQ(pipe(in), 0);
-  ASSERT_EQ(write(in[1], "adminpw\n", 8), 8);
-  close(in[1]);
-  EXPECT_EQ(childWith(in[0], devnull, askAdmin),
-            tovAuth.getPwdDigest("adminpw"));
-  close(in[0]);
-  close(devnull);
 }
 
 TEST(CollaboratorTraces, DecoderAndCacheExplainThemselves) {
