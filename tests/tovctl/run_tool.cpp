@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,80 +15,169 @@
 #include <sstream>
 #include <stdexcept>
 
-extern char** environ;
-
 #ifndef TOVCTL_PATH
 #error "TOVCTL_PATH must name the tovctl binary"
 #endif
 
+extern char** environ;
+
 namespace tovctltest {
 
-Outcome runTovctl(const std::vector<std::string>& args, int limitSec) {
-  int outPipe[2];
-  int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-    throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
-  }
-  std::vector<std::string> argStore{TOVCTL_PATH};
-  argStore.insert(argStore.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStore) argv.push_back(a.data());
-  argv.push_back(nullptr);
+namespace {
 
-  posix_spawn_file_actions_t fa;
-  posix_spawn_file_actions_init(&fa);
-  posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&fa, outPipe[1], 1);
-  posix_spawn_file_actions_adddup2(&fa, errPipe[1], 2);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&fa);
-  close(outPipe[1]);
-  close(errPipe[1]);
-  if (rc != 0) {
-    close(outPipe[0]);
-    close(errPipe[0]);
-    throw std::runtime_error(std::string("cannot start tovctl: ") +
-                             std::strerror(rc));
+using Clock = std::chrono::steady_clock;
+
+void check(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(std::string(what) + ": " + strerror(errno));
+}
+
+// Everything the child needs, made before fork: only exec-safe calls follow.
+struct Command {
+  std::vector<std::string> store;
+  std::vector<char*> argv;
+  std::vector<char*> envp;
+  Command(const std::vector<std::string>& args, const RunOptions& opts) {
+    store.push_back(TOVCTL_PATH);
+    store.insert(store.end(), args.begin(), args.end());
+    store.insert(store.end(), opts.env.begin(), opts.env.end());
+    for (std::size_t i = 0; i <= args.size(); ++i) {
+      argv.push_back(store[i].data());
+    }
+    argv.push_back(nullptr);
+    for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
+    for (std::size_t i = args.size() + 1; i < store.size(); ++i) {
+      envp.push_back(store[i].data());
+    }
+    envp.push_back(nullptr);
+  }
+};
+
+}  // namespace
+
+Outcome runTovctl(const std::vector<std::string>& args,
+                  const RunOptions& opts) {
+  // Terminal: one master; pipes: input, output, error.
+  int master = -1;
+  int slave = -1;
+  int in[2] = {-1, -1};
+  int out[2] = {-1, -1};
+  int err[2] = {-1, -1};
+  if (opts.terminal) {
+    master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    check(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0,
+          "pseudo-terminal");
+    slave = open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    check(slave >= 0, "terminal slave");
+  } else {
+    check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 &&
+              pipe2(err, O_CLOEXEC) == 0,
+          "pipe");
+  }
+
+  Command cmd(args, opts);
+  const auto started = Clock::now();
+  const pid_t pid = fork();
+  check(pid >= 0, "fork");
+  if (pid == 0) {
+    if (opts.terminal) {
+      setsid();
+      ioctl(slave, TIOCSCTTY, 0);
+      for (int fd = 0; fd < 3; ++fd) dup2(slave, fd);
+    } else {
+      if (opts.input.empty()) {
+        dup2(open("/dev/null", O_RDONLY), 0);
+      } else {
+        dup2(in[0], 0);
+      }
+      dup2(out[1], 1);
+      dup2(err[1], 2);
+    }
+    if (opts.addressSpaceKb > 0) {
+      const rlim_t bytes = static_cast<rlim_t>(opts.addressSpaceKb) * 1024;
+      const rlimit lim{bytes, bytes};
+      setrlimit(RLIMIT_AS, &lim);
+    }
+    execve(cmd.argv[0], cmd.argv.data(), cmd.envp.data());
+    _exit(127);
   }
 
   Outcome r;
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(limitSec);
-  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&r.out, &r.err};
-  int open = 2;
-  bool killed = false;
-  while (open > 0) {
+  std::vector<pollfd> fds;
+  std::vector<std::string*> sinks;
+  if (opts.terminal) {
+    fds.push_back({master, POLLIN, 0});
+    sinks.push_back(&r.out);
+  } else {
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    if (!opts.input.empty() &&
+        write(in[1], opts.input.data(), opts.input.size()) < 0) {
+      r.err = "<input not written>";
+    }
+    close(in[1]);
+    fds = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    sinks = {&r.out, &r.err};
+  }
+
+  const auto limit = started + std::chrono::seconds(opts.limitSec);
+  bool typed = opts.type.empty();
+  bool exited = false;
+  int st = 0;
+  // A terminal's master never reports end of file while the slave is open
+  // here, so the loop also ends when the child has ended.
+  for (std::size_t live = fds.size(); live > 0 && !exited;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
+                          limit - Clock::now())
                           .count();
     if (left <= 0) {
       kill(pid, SIGKILL);
-      killed = true;
       break;
     }
-    if (poll(fds, 2, static_cast<int>(left)) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
+    const int n = poll(fds.data(), fds.size(),
+                       static_cast<int>(opts.terminal ? 50 : left));
+    if (n < 0 && errno != EINTR) break;
+    for (std::size_t i = 0; i < fds.size(); ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       char buf[4096];
-      const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<std::size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
+      const ssize_t got = read(fds[i].fd, buf, sizeof buf);
+      if (got > 0) {
+        sinks[i]->append(buf, static_cast<std::size_t>(got));
+      } else if (got == 0 || errno != EINTR) {
         close(fds[i].fd);
         fds[i].fd = -1;
-        --open;
+        --live;
       }
     }
+    if (!typed && r.out.find(opts.waitFor) != std::string::npos) {
+      typed = write(master, opts.type.data(), opts.type.size()) ==
+              static_cast<ssize_t>(opts.type.size());
+    }
+    if (opts.terminal) exited = waitpid(pid, &st, WNOHANG) == pid;
   }
-  for (pollfd& f : fds) {
+  if (!exited) {
+    while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+    }
+  }
+  r.seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  if (opts.terminal) {
+    // Whatever the run left on the terminal, then its settings.
+    char buf[4096];
+    pollfd p{master, POLLIN, 0};
+    while (poll(&p, 1, 50) > 0) {
+      const ssize_t got = read(master, buf, sizeof buf);
+      if (got <= 0) break;
+      r.out.append(buf, static_cast<std::size_t>(got));
+    }
+    termios t{};
+    r.echoOn = tcgetattr(slave, &t) == 0 && (t.c_lflag & ECHO) != 0;
+    close(slave);
+  }
+  for (const pollfd& f : fds) {
     if (f.fd >= 0) close(f.fd);
   }
-  int st = 0;
-  while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
-  }
-  r.status = !killed && WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  r.signal = WIFSIGNALED(st) ? WTERMSIG(st) : 0;
   return r;
 }
 

@@ -8,13 +8,28 @@
 namespace tovctltest {
 
 struct Outcome {
-  int status = -1;  // exit status; -1 when killed by a signal
-  std::string out;
+  int status = -1;  // exit status; -1 when ended by a signal
+  int signal = 0;   // the signal that ended it, if one did
+  std::string out;  // on a terminal: everything the terminal showed
   std::string err;
+  double seconds = 0;  // how long it ran
+  bool echoOn = true;  // on a terminal: echo was on again afterwards
 };
 
-// Standard input is /dev/null; the run is killed after `limitSec`.
-Outcome runTovctl(const std::vector<std::string>& args, int limitSec = 20);
+struct RunOptions {
+  std::string input;  // standard input (a pipe), else /dev/null
+  // Standard input, output and error are one pseudo-terminal, the
+  // controlling terminal of the run.
+  bool terminal = false;
+  std::string waitFor;  // on a terminal: once this shows, type `type`
+  std::string type;
+  std::vector<std::string> env;  // NAME=VALUE, added to the environment
+  long addressSpaceKb = 0;       // limit on the address space (ulimit -v)
+  int limitSec = 20;             // killed after this long
+};
+
+Outcome runTovctl(const std::vector<std::string>& args,
+                  const RunOptions& opts = {});
 
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -48,6 +49,9 @@ class TovctlTest : public testing::Test {
     badPw_ = dir_ + "/bad";
     std::ofstream(goodPw_) << "secret\n";
     std::ofstream(badPw_) << "not-the-password\n";
+    // tovctl refuses a password file that others may read.
+    chmod(goodPw_.c_str(), 0600);
+    chmod(badPw_.c_str(), 0600);
   }
   static void TearDownTestSuite() {
     std::remove(goodPw_.c_str());
@@ -124,7 +128,11 @@ TEST_F(TovctlTest, WrongOrMissingPasswordIsRefusedAndChangesNothing) {
   const Outcome wrong =
       tool({"-u", "admin", "--password-file", badPw_, "--json", "stop", "web"});
   EXPECT_EQ(wrong.status, 22);
-  EXPECT_EQ(wrong.out, "");
+  const json error = json::parse(wrong.out)["error"];
+  EXPECT_EQ(error["code"], 22);
+  EXPECT_EQ(error["name"], "TOV_COMMS_FAIL");
+  EXPECT_EQ(error["exit_status"], 22);
+  EXPECT_EQ(error["port"], sim_->port());
   expectOneErrorLine(
       wrong,
       "stop of service 0 (web) on 127.0.0.1:" + sim_->portStr() +
@@ -140,27 +148,99 @@ TEST_F(TovctlTest, WrongOrMissingPasswordIsRefusedAndChangesNothing) {
 
 TEST_F(TovctlTest, UsageErrorsExitWithTheirOwnStatus) {
   startSim();
-  const std::vector<std::vector<std::string>> cases{
-      {"--bogus", "services"},
-      {"-d", "4", "services"},
-      {"-a", "0", "services"},
-      {"-4", "-6", "services"},
-      {"bounce"},
-      {"maintenance", "web", "sideways"},
-      {"--password-file", goodPw_, "services"},
-      {"-u", "admin", "--password-file", dir_ + "/missing", "stop", "web"},
-      {"send", ""},
-      {"send", "V 0\nV 1"},
-      {"log", ""},
-      {},
+  const std::string open = dir_ + "/open";
+  std::ofstream(open) << "secret\n";
+  chmod(open.c_str(), 0644);
+  struct Case {
+    std::vector<std::string> args;
+    std::string line;  // a fragment of the one line on standard error
   };
-  for (const auto& c : cases) {
-    const Outcome r = tool(c);
+  const std::vector<Case> cases{
+      {{"--bogus", "services"}, "--bogus"},
+      {{"-d", "4", "services"}, "--debug"},
+      {{"-a", "0", "services"}, "--attempts"},
+      {{"-4", "-6", "services"}, "excludes"},
+      {{"bounce"}, "service is required"},
+      {{"maintenance", "web", "sideways"}, "sideways"},
+      {{"--password-file", goodPw_, "services"}, "needs a user"},
+      {{"-u", "admin", "--password-file", dir_ + "/missing", "stop", "web"},
+       "cannot read password file"},
+      {{"-u", "admin", "--password-file", open, "stop", "web"},
+       "can be read by others (mode 0644); make it private with: chmod 600"},
+      {{"-u", "admin", "stop", "web"}, "standard input is not a terminal"},
+      {{"send", ""}, "request line is empty"},
+      {{"send", "V 0\nV 1"}, "must be one line"},
+      {{"log", ""}, "message is empty"},
+      {{}, "subcommand is required"},
+      {{"bouce", "web"}, "unknown command \"bouce\"; did you mean \"bounce\"?"},
+      {{"-H", "h", "frobnicate"}, "unknown command \"frobnicate\" ("},
+      {{"help", "stpo"}, "did you mean \"stop\"?"},
+      {{"-t", "nan", "services"}, "\"nan\" is not a number of seconds"},
+      {{"-t", "inf", "services"}, "\"inf\" is not a number of seconds"},
+      {{"--deadline", "-1", "services"}, "\"-1\" is not a number of seconds"},
+      {{"-H", "[::1", "services"}, "is not [ADDRESS] or [ADDRESS]:PORT"},
+      {{"-H", "node1:99999", "services"}, "is not a number from 1 to 65535"},
+      {{"halt"},
+       "halt of the daemon on 127.0.0.1:" + sim_->portStr() +
+           " needs --yes: there is no terminal to confirm on"},
+      {{"codes", "TOV_NO_SUCH"}, "no result code \"TOV_NO_SUCH\""},
+  };
+  for (const Case& c : cases) {
     std::string shown;
-    for (const auto& a : c) shown += " [" + a + "]";
-    EXPECT_EQ(r.status, kUsage) << shown << "\n" << r.err;
-    EXPECT_EQ(r.out, "") << shown;
-    EXPECT_EQ(linesOf(r.err).size(), 1u) << shown << "\n" << r.err;
+    for (const auto& a : c.args) shown += " [" + a + "]";
+    for (const bool asJson : {false, true}) {
+      std::vector<std::string> args = c.args;
+      if (asJson) args.insert(args.begin(), "--json");
+      const Outcome r = tool(args);
+      EXPECT_EQ(r.status, kUsage) << shown << "\n" << r.err;
+      expectOneErrorLine(r, c.line);
+      if (!asJson) {
+        EXPECT_EQ(r.out, "") << shown;
+        continue;
+      }
+      // Scripts get one document, also for a command line they got wrong.
+      const json error = json::parse(r.out)["error"];
+      EXPECT_EQ(error["exit_status"], kUsage) << shown;
+      EXPECT_EQ("tovctl: " + error["message"].get<std::string>(),
+                linesOf(r.err).at(0));
+    }
+  }
+  EXPECT_EQ(servicesJson()[0]["state"], "running") << "halt was not sent";
+}
+
+TEST_F(TovctlTest, HostPortHelpAndCodes) {
+  startSim();
+  const std::string refused = std::to_string(closedPort());
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string text;  // the start of standard output, or the error line
+  };
+  const std::vector<Case> cases{
+      {{"-H", "127.0.0.1:" + sim_->portStr(), "-p", "1", "probe"},
+       0,
+       "127.0.0.1:" + sim_->portStr() + " answers"},
+      {{"-p", "1", "probe", "127.0.0.1:" + sim_->portStr()},
+       0,
+       "127.0.0.1:" + sim_->portStr() + " answers"},
+      {{"-H", "[::1]:" + refused, "services"},
+       69,
+       "tovctl: reading the service list from [::1]:" + refused +
+           " failed: cannot connect"},
+      {{"-H", "[::1]", "-p", refused, "services"},
+       69,
+       "tovctl: reading the service list from [::1]:" + refused},
+      {{"help"}, 0, "tovctl - control the tovmon daemons"},
+      {{"help", "bounce"}, 0, "stop the service and start it again"},
+      {{"codes", "22"},
+       0,
+       "22  TOV_COMMS_FAIL  daemon refused or failed the request\n"},
+      {{"codes", "TOV_SOCK_TIMEOUT"}, 0, "78  TOV_SOCK_TIMEOUT"},
+  };
+  for (const Case& c : cases) {
+    const Outcome r = runTovctl(c.args);
+    EXPECT_EQ(r.status, c.status) << c.args.back() << "\n" << r.err;
+    EXPECT_THAT(c.status == 0 ? r.out : r.err, StartsWith(c.text));
   }
 }
 

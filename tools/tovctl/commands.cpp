@@ -2,15 +2,13 @@
 
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <iostream>
-#include <mutex>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "codes.h"
+#include "common/text.h"
+#include "discovery.h"
 #include "report.h"
 #include "tovapi/libtovapi.h"
 
@@ -20,71 +18,13 @@ namespace {
 
 using nlohmann::json;
 
-void printJson(const json& j) { std::cout << j.dump(2) << std::endl; }
+void printJson(const json& j) {
+  std::cout << tovtools::jsonText(j) << std::endl;
+}
 
 json serviceRefJson(const ServiceRef& s) {
   return json{{"index", s.index},
               {"name", s.name.empty() ? json(nullptr) : json(s.name)}};
-}
-
-// Dots on standard error while discovery listens for its 2.5 seconds. They
-// never touch standard output, and stop before the report is printed.
-class Progress {
- public:
-  Progress(bool active, bool endLine) : endLine_(endLine) {
-    if (active) thread_ = std::thread([this] { run(); });
-  }
-  ~Progress() {
-    if (!thread_.joinable()) return;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      stop_ = true;
-    }
-    cv_.notify_all();
-    thread_.join();
-    if (wrote_ && endLine_) put("\n");
-  }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
-
- private:
-  static void put(const char* s) {
-    // Raw writes: std::cerr may be captured while the library runs.
-    if (::write(STDERR_FILENO, s, std::char_traits<char>::length(s)) < 0) {
-      return;
-    }
-  }
-  void run() {
-    const auto start = std::chrono::steady_clock::now();
-    const auto step = std::chrono::milliseconds(250);
-    const auto last = std::chrono::milliseconds(2250);
-    std::unique_lock<std::mutex> lock(mu_);
-    for (int tick = 1; tick * step <= last; ++tick) {
-      if (cv_.wait_until(lock, start + tick * step, [this] { return stop_; })) {
-        return;
-      }
-      put(".");
-      wrote_ = true;
-    }
-  }
-
-  bool endLine_;
-  bool stop_ = false;
-  bool wrote_ = false;
-  std::mutex mu_;
-  std::condition_variable cv_;
-  std::thread thread_;
-};
-
-const char* modeName(int mode) {
-  switch (mode) {
-    case tov1::tov_discover_bootstrap:
-      return "bootstrap";
-    case tov1::tov_discover_cluster:
-      return "clusters";
-    default:
-      return "all";
-  }
 }
 
 std::string daemonSays(const Reply& r) {
@@ -100,39 +40,32 @@ void checkLineText(const std::string& text, const std::string& what) {
 
 }  // namespace
 
-int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw) {
-  const bool stdoutShown = !o.json && isatty(STDOUT_FILENO);
-  int rc;
-  std::string captured;
-  {
-    Progress progress(isatty(STDERR_FILENO) && o.debug == 0, !stdoutShown);
-    QuietLibrary quiet;
-    StreamCapture out(std::cout, o.json);
-    rc = tov1::tovNet.discoverClusters(host, mode, o.json ? false : !raw);
-    captured = out.text();
-  }
-  if (rc != 0) {
-    failWith("discovery " + (host.empty() ? std::string("on the local network")
-                                          : "at " + host),
-             rc);
-  }
-  if (o.json) {
-    const json clusters = parseDiscoveryReport(captured);
-    printJson(json{{"mode", modeName(mode)},
-                   {"count", clusters.size()},
-                   {"clusters", clusters}});
-  }
-  return kExitOk;
-}
-
 int cmdProbe(const Options& o, const std::string& host) {
   Session s(o, host);
-  int rc;
-  {
-    QuietLibrary quiet;
-    rc = tov1::tovNet.testNode(s.host(), s.port());
+  const std::string what = "probe of " + s.label();
+  // The probe swaps the buffer of std::cerr, switches colour off and lowers
+  // the timeout, and leaves all three behind when the refresh throws (an
+  // information reply too large for memory, say): put them back here.
+  std::streambuf* const errBuffer = std::cerr.rdbuf();
+  const bool colour = tov1::Debug::useColour;
+  std::string exception;
+  const int rc = bounded(what, s.label(), [&] {
+    try {
+      return tov1::tovNet.testNode(s.host(), s.port());
+    } catch (const std::exception& e) {
+      exception = e.what();
+    } catch (...) {
+      exception = "an exception that is not a standard one";
+    }
+    std::cerr.rdbuf(errBuffer);
+    tov1::Debug::useColour = colour;
+    tov1::tovNet.setTimeout(static_cast<float>(o.timeout));
+    return -static_cast<int>(tov1::TOV_EXCEPT_ALLINFO);
+  });
+  if (!exception.empty()) {
+    failWith(what, rc, "reading the cluster information threw: " + exception);
   }
-  if (rc != 0) failWith("probe of " + s.label(), rc);
+  if (rc != 0) failWith(what, rc);
   const std::string cluster = tov1::tovCache.tovInfoGetValue(
       s.host(), tov1::tovInfo_C, 0, tov1::c_cluster_name);
   if (o.json) {
@@ -141,7 +74,7 @@ int cmdProbe(const Options& o, const std::string& host) {
                    {"answers", true},
                    {"cluster", cluster}});
   } else {
-    std::cout << s.label() << " answers (cluster " << cluster << ")"
+    std::cout << shown(s.label() + " answers (cluster " + cluster + ")")
               << std::endl;
   }
   return kExitOk;
@@ -149,11 +82,8 @@ int cmdProbe(const Options& o, const std::string& host) {
 
 int cmdResolve(const Options& o, const std::string& host) {
   char* ip = nullptr;
-  int rc;
-  {
-    QuietLibrary quiet;
-    rc = tov1::tovNet.validateHost(host, &ip);
-  }
+  const int rc = bounded("resolving " + host, host,
+                         [&] { return tov1::tovNet.validateHost(host, &ip); });
   const std::string address = ip != nullptr ? ip : "";
   std::free(ip);
   if (rc != 0) failWith("resolving " + host, rc);
@@ -167,11 +97,9 @@ int cmdResolve(const Options& o, const std::string& host) {
 
 int cmdFamily(const Options& o, const std::string& address) {
   int version = 0;
-  int rc;
-  {
-    QuietLibrary quiet;
-    rc = tov1::tovNet.validateAddressFamily(address, &version);
-  }
+  const int rc = bounded("address family of " + address, address, [&] {
+    return tov1::tovNet.validateAddressFamily(address, &version);
+  });
   if (rc != 0) failWith("address family of " + address, rc);
   if (o.json) {
     printJson(json{{"address", address}, {"family", version}});
@@ -185,18 +113,36 @@ namespace {
 
 // Hands the letters to the library's service command and reports the result.
 // Returns what the library echoed on standard output (the log command).
+//
+// The library is given one attempt at a time and the tool repeats it: a
+// busy reply is then seen as such (the library reports a busy daemon's last
+// attempt as "no response"), and a deadline that ends the library's wait
+// after a busy reply is told apart from one that ends an exchange.
 std::string sendServiceCommand(Session& s, const std::string& letters,
                                unsigned service, const std::string& suffix,
                                const std::string& what) {
   const std::vector<std::string> auth = s.authVector();
-  int rc;
+  const unsigned attempts = s.options().attempts;
+  int rc = 0;
   std::string echoed;
-  {
-    QuietLibrary quiet;
-    StreamCapture out(std::cout, true);
-    rc = tov1::tovNet.serviceCommand(s.host(), s.port(), letters, auth, service,
-                                     s.options().attempts, suffix);
-    echoed = out.text();
+  for (unsigned attempt = 0; attempt < attempts; ++attempt) {
+    {
+      // The echo of the log command is caught; the report of a deadline
+      // must not be.
+      StreamCapture out(std::cout, true);
+      rc = withinDeadline([&] {
+        return tov1::tovNet.serviceCommand(s.host(), s.port(), letters, auth,
+                                           service, 1, suffix);
+      });
+      echoed = out.text();
+    }
+    checkDeadline(what, s.label(), rc);
+    if (codeOf(rc) != tov1::TOV_COMMS_NORESPONSE) break;
+  }
+  if (codeOf(rc) == tov1::TOV_COMMS_NORESPONSE) {
+    failWith(
+        what, -static_cast<int>(tov1::TOV_COMMS_BUSY),
+        "still busy after " + std::to_string(attempts) + " attempt(s) (-a N)");
   }
   if (rc != 0) {
     // The daemon refuses a missing or wrong authentication with its plain
@@ -206,10 +152,6 @@ std::string sendServiceCommand(Session& s, const std::string& letters,
       hint = s.options().user.empty()
                  ? "the daemon may want a user (-u USER)"
                  : "check user " + s.options().user + " and the password";
-    } else if (codeOf(rc) == tov1::TOV_COMMS_NORESPONSE) {
-      // What the library reports when every attempt was answered busy.
-      hint = "the daemon may have been busy for all " +
-             std::to_string(s.options().attempts) + " attempt(s) (-a N)";
     }
     failWith(what, rc, hint);
   }
@@ -224,6 +166,7 @@ std::string sendServiceCommand(Session& s, const std::string& letters,
 int cmdServiceAction(const Options& o, const ServiceAction& a,
                      const std::string& service, const std::string& suffix) {
   Session s(o, o.host);
+  s.authVector();
   const ServiceRef ref = s.resolveService(service);
   const std::string what = a.name + " of " + describe(ref) + " on " + s.label();
   sendServiceCommand(s, a.letters, ref.index, suffix, what);
@@ -234,7 +177,7 @@ int cmdServiceAction(const Options& o, const ServiceAction& a,
                    {"service", serviceRefJson(ref)},
                    {"result", 0}});
   } else {
-    std::cout << "ok: " << what << std::endl;
+    std::cout << shown("ok: " + what) << std::endl;
   }
   return kExitOk;
 }
@@ -248,6 +191,7 @@ int cmdLog(const Options& o, const std::string& service,
   if (message.empty()) usageError("log: the message is empty");
   checkLineText(message, "log: the message");
   Session s(o, o.host);
+  s.authVector();
   const ServiceRef ref = s.resolveService(service);
   const std::string what =
       "log entry for " + describe(ref) + " on " + s.label();
@@ -261,10 +205,31 @@ int cmdLog(const Options& o, const std::string& service,
                    {"sent", sent},
                    {"result", 0}});
   } else {
-    std::cout << "ok: " << what << ": " << sent << std::endl;
+    std::cout << shown("ok: " + what + ": " + sent) << std::endl;
   }
   return kExitOk;
 }
+
+namespace {
+
+// Shutdown and halt end the daemon: on a terminal the operator confirms,
+// elsewhere --yes must say so in advance.
+void confirm(const Options& o, const std::string& what,
+             const std::string& question) {
+  if (o.yes) return;
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDERR_FILENO) == 0) {
+    usageError(what + " needs --yes: there is no terminal to confirm on");
+  }
+  std::cerr << question << " [y/N] " << std::flush;
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes") {
+    failWith(what, -static_cast<int>(tov1::TOV_CLI_QUIT),
+             "not confirmed, nothing was sent");
+  }
+}
+
+}  // namespace
 
 int cmdDaemonAction(const Options& o, const ServiceAction& a) {
   Session s(o, o.host);
@@ -275,6 +240,14 @@ int cmdDaemonAction(const Options& o, const ServiceAction& a) {
   const std::string what =
       check ? "password check for " + o.user + " on " + s.label()
             : a.name + " of the daemon on " + s.label();
+  if (a.letters == "JA") {
+    confirm(o, what,
+            "Halt the daemon on " + s.label() +
+                " at once? Its services are not stopped cleanly.");
+  } else if (a.letters == "L") {
+    confirm(o, what, "Shut down the daemon on " + s.label() + "?");
+  }
+  s.authVector();
   s.refreshCache(false, "reading the cluster information from " + s.label());
   sendServiceCommand(s, a.letters, 0, "", what);
   if (o.json) {
@@ -285,7 +258,7 @@ int cmdDaemonAction(const Options& o, const ServiceAction& a) {
     if (check) j["user"] = o.user;
     printJson(j);
   } else {
-    std::cout << "ok: " << what << std::endl;
+    std::cout << shown("ok: " + what) << std::endl;
   }
   return kExitOk;
 }
@@ -297,22 +270,25 @@ namespace {
 Reply serviceData(Session& s, char letter, const std::string& service,
                   bool authenticate, ServiceRef& ref, std::string& what,
                   const std::string& doing) {
+  const std::vector<std::string> auth =
+      authenticate ? s.authVector() : std::vector<std::string>{};
   ref = s.resolveService(service);
   what = doing + " of " + describe(ref) + " on " + s.label();
-  int count;
-  {
-    QuietLibrary quiet;
-    count = tov1::tovCluster.getServiceCount(s.host());
-  }
+  const int count = bounded(what, s.label(), [&] {
+    return tov1::tovCluster.getServiceCount(s.host());
+  });
   if (count <= 0 || ref.index >= static_cast<unsigned>(count)) {
     failWith(what, -static_cast<int>(tov1::TOV_SVC_INVALID));
   }
-  const std::vector<std::string> auth =
-      authenticate ? s.authVector() : std::vector<std::string>{};
   const std::string line =
       std::string(1, letter) + " " + std::to_string(ref.index);
   Reply reply;
-  const int rc = s.request(line, auth, s.options().attempts, reply);
+  const int rc = s.request(line, auth, s.options().attempts, reply, what);
+  if (codeOf(rc) == tov1::TOV_COMMS_BUSY) {
+    failWith(what, rc,
+             "still busy after " + std::to_string(s.options().attempts) +
+                 " attempt(s) (-a N)");
+  }
   if (rc != 0) failWith(what, rc, daemonSays(reply));
   return reply;
 }
@@ -336,9 +312,9 @@ int cmdServiceData(const Options& o, char letter, const std::string& service,
         {"message", reply.message},
         {"lines", reply.lines}});
   } else if (reply.lines.empty()) {
-    std::cout << reply.message << std::endl;
+    std::cout << shown(reply.message) << std::endl;
   } else {
-    for (const std::string& l : reply.lines) std::cout << l << '\n';
+    for (const std::string& l : reply.lines) std::cout << shown(l) << '\n';
     std::cout.flush();
   }
   return kExitOk;
@@ -367,10 +343,10 @@ int cmdVersion(const Options& o, const std::string& service) {
              {"protocol", protocol.empty() ? json(nullptr) : json(protocol)},
              {"message", reply.message}});
   } else if (!version.empty()) {
-    std::cout << "daemon version " << version << ", protocol " << protocol
+    std::cout << shown("daemon version " + version + ", protocol " + protocol)
               << std::endl;
   } else {
-    std::cout << reply.message << std::endl;
+    std::cout << shown(reply.message) << std::endl;
   }
   return kExitOk;
 }
@@ -444,25 +420,27 @@ int cmdSend(const Options& o, const std::string& line) {
   checkLineText(line, "send: the request line");
   Session s(o, o.host);
   const std::vector<std::string> auth = s.authVector();
+  const std::string what = "request \"" + line + "\" to " + s.label();
   Reply reply;
   // A raw request is sent once: no busy retry.
-  const int rc = s.request(line, auth, 1, reply);
-  const std::string what = "request \"" + line + "\" to " + s.label();
+  const int rc = s.request(line, auth, 1, reply, what);
   if (rc != 0 && reply.text.empty()) failWith(what, rc);
-  if (o.json) {
-    printJson(json{
-        {"request", line},
-        {"letter", reply.letter == '\0' ? json(nullptr)
-                                        : json(std::string(1, reply.letter))},
-        {"message", reply.message},
-        {"lines", reply.lines},
-        {"result", codeOf(reply.status)}});
-  } else {
-    std::cout << reply.text;
+  const json result{
+      {"request", line},
+      {"letter", reply.letter == '\0' ? json(nullptr)
+                                      : json(std::string(1, reply.letter))},
+      {"message", reply.message},
+      {"lines", reply.lines},
+      {"result", codeOf(reply.status)}};
+  if (!o.json) {
+    std::cout << shown(reply.text, true);
     if (!reply.text.empty() && reply.text.back() != '\n') std::cout << '\n';
     std::cout.flush();
   }
-  if (reply.status != 0) failWith(what, reply.status, daemonSays(reply));
+  if (reply.status != 0) {
+    failWith(what, reply.status, daemonSays(reply), result);
+  }
+  if (o.json) printJson(result);
   return kExitOk;
 }
 

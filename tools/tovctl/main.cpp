@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -11,6 +13,7 @@
 
 #include "codes.h"
 #include "commands.h"
+#include "discovery.h"
 #include "session.h"
 #include "tovapi/libtovapi.h"
 
@@ -28,8 +31,11 @@ const char* const kFooterNotes =
     "and every failure is reported in one line on standard error; -d 1 to 3 "
     "let them through as well.\nColour: used on standard error when it is a "
     "terminal, NO_COLOR is not set and --no-colour is not given.\n"
-    "Passwords are never taken from the command line: use --password-file or "
-    "answer the prompt.\n";
+    "Passwords are never taken from the command line: use --password-file "
+    "(private to its owner, or - for standard input) or answer the prompt "
+    "on a terminal.\n"
+    "Every command ends by --deadline: a daemon that stalls cannot hold it "
+    "longer.\n";
 
 const std::vector<ServiceAction>& serviceActions() {
   static const std::vector<ServiceAction> actions{
@@ -61,16 +67,119 @@ const std::vector<ServiceAction>& daemonActions() {
   return actions;
 }
 
-void applyGlobals(const Options& o) {
+// Seconds as an option takes them: a finite number in [min, max]. NaN,
+// infinities and negative values are refused by name.
+CLI::Validator secondsIn(double min, double max) {
+  const std::string range =
+      tovtools::secondsText(min) + " to " + tovtools::secondsText(max);
+  return CLI::Validator(
+      [min, max, range](std::string& text) -> std::string {
+        double value = 0;
+        std::size_t used = 0;
+        try {
+          value = std::stod(text, &used);
+        } catch (const std::exception&) {
+          used = 0;
+        }
+        if (used != text.size() || used == 0 || !std::isfinite(value) ||
+            value < min || value > max) {
+          return "\"" + text + "\" is not a number of seconds from " + range;
+        }
+        return "";
+      },
+      "", "seconds");
+}
+
+// Damerau-Levenshtein distance of two short words.
+std::size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<std::size_t>> d(
+      a.size() + 1, std::vector<std::size_t>(b.size() + 1, 0));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
+      d[i][j] =
+          std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+std::vector<std::string> commandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* sub : app.get_subcommands({})) {
+    names.push_back(sub->get_name());
+  }
+  return names;
+}
+
+// "unknown command "bouce"; did you mean "bounce"?"
+std::string unknownCommand(const CLI::App& app, const std::string& word) {
+  std::string best;
+  std::size_t bestDistance = 3;  // further away is no longer a typo
+  for (const std::string& name : commandNames(app)) {
+    const std::size_t d = distance(word, name);
+    const bool prefix =
+        word.size() >= 3 && name.compare(0, word.size(), word) == 0;
+    if (d < bestDistance || (prefix && best.empty())) {
+      best = name;
+      bestDistance = prefix ? 0 : d;
+    }
+  }
+  std::string text = "unknown command \"" + word + "\"";
+  if (!best.empty()) text += "; did you mean \"" + best + "\"?";
+  return text + " (see tovctl help)";
+}
+
+// The first word of the command line that is neither an option nor an
+// option's value: the command the user meant.
+std::string commandWord(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--") return i + 1 < argc ? argv[i + 1] : "";
+    if (arg.size() < 2 || arg[0] != '-') return arg;
+    if (arg.find('=') != std::string::npos) continue;
+    const CLI::Option* opt = app.get_option_no_throw(arg);
+    if (opt != nullptr && opt->get_expected_min() > 0) ++i;
+  }
+  return "";
+}
+
+void applyGlobals(Options& o) {
   tov1::Debug::useColour = !o.noColour && isatty(STDERR_FILENO) &&
                            std::getenv("NO_COLOR") == nullptr;
+  tovctl::setJsonOutput(o.json);
+  std::string why;
+  if (!tovctl::splitHostPort(o.host, o.host, o.port, why)) {
+    tovctl::setTarget("", 0);
+    tovctl::usageError("-H: " + why);
+  }
+  tovctl::setTarget(o.host, o.port);
   tov1::tovDebug.setDebugLevel(o.debug);
   tov1::tovNet.setTimeout(static_cast<float>(o.timeout));
   tov1::tovNet.pref_AF = o.ipv4 ? AF_INET : o.ipv6 ? AF_INET6 : 0;
-  if (o.host.empty()) tovctl::usageError("usage: the host is empty");
   if (!o.passwordFile.empty() && o.user.empty()) {
     tovctl::usageError("--password-file needs a user (-u USER)");
   }
+  if (o.showSecrets) {
+    setenv("TOVAPI_SHOW_SECRETS", "1", 1);
+    tovctl::warn(
+        "--show-secrets: password digests appear in the diagnostics and in "
+        "TOVAPI_LOG; a digest is enough to command the daemon");
+  }
+  tovctl::setDeadline(o.deadline);
+  // A call that no signal ends (a name lookup retrying by itself) still
+  // ends the program half a second after the deadline.
+  const double seconds = o.deadline;
+  tovctl::deadline().onOverrun(std::chrono::milliseconds(500), [seconds] {
+    const int status = tovctl::reportDeadline(
+        "command", seconds, "the library did not give up; stopping");
+    std::_Exit(status);
+  });
 }
 
 }  // namespace
@@ -93,7 +202,13 @@ int main(int argc, char** argv) {
   app.add_option("-t,--timeout", o.timeout,
                  "seconds to wait for a connection and for the salt")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, 86400.0).description(""))
+      ->check(secondsIn(0.001, 86400.0))
+      ->capture_default_str();
+  app.add_option("--deadline", o.deadline,
+                 "seconds the whole command may take, whatever the daemon "
+                 "does; 0 for none")
+      ->type_name("SECONDS")
+      ->check(secondsIn(0, 86400.0))
       ->capture_default_str();
   auto* v4 = app.add_flag("-4", o.ipv4, "use IPv4 only");
   app.add_flag("-6", o.ipv6, "use IPv6 only")->excludes(v4);
@@ -112,7 +227,12 @@ int main(int argc, char** argv) {
       ->type_name("N")
       ->check(CLI::Range(1, 100).description(""))
       ->capture_default_str();
-  app.add_flag("--json", o.json, "machine-readable output on standard output");
+  app.add_flag("--json", o.json,
+               "machine-readable output on standard output, also for "
+               "failures");
+  app.add_flag("-y,--yes", o.yes, "halt or shut down without asking");
+  app.add_flag("--show-secrets", o.showSecrets,
+               "let the diagnostics show password digests (unsafe)");
 
   std::vector<std::pair<CLI::App*, std::function<int()>>> handlers;
   auto on = [&handlers](CLI::App* sub, std::function<int()> run) {
@@ -146,7 +266,13 @@ int main(int argc, char** argv) {
       "probe", "check quietly (2 s timeout) whether a daemon answers");
   probe->add_option("host", probeHost, "host to probe (default: --host)");
   on(probe, [&] {
-    return tovctl::cmdProbe(o, probeHost.empty() ? o.host : probeHost);
+    std::string host = o.host;
+    std::string why;
+    if (!probeHost.empty() &&
+        !tovctl::splitHostPort(probeHost, host, o.port, why)) {
+      tovctl::usageError("probe: " + why);
+    }
+    return tovctl::cmdProbe(o, host);
   });
 
   std::string resolveHost;
@@ -242,9 +368,31 @@ int main(int argc, char** argv) {
       ->required();
   on(send, [&] { return tovctl::cmdSend(o, sendLine); });
 
+  std::string codeArg;
   auto* codes = app.add_subcommand(
-      "codes", "list the result codes with their names and texts");
-  on(codes, [&] { return tovctl::listCodes(o.json); });
+      "codes", "list the result codes, or explain one (number or name)");
+  codes->add_option("code", codeArg, "a code, e.g. 22 or TOV_COMMS_FAIL");
+  on(codes, [&] { return tovctl::listCodes(o.json, codeArg); });
+
+  std::string helpTopic;
+  auto* help = app.add_subcommand("help", "show this help, or a command's");
+  help->add_option("command", helpTopic, "a command");
+  on(help, [&] {
+    if (helpTopic.empty()) {
+      // App::help() would describe the command just parsed: this one.
+      std::cout << app.get_formatter()->make_help(&app, app.get_name(),
+                                                  CLI::AppFormatMode::Normal);
+      return tovctl::kExitOk;
+    }
+    CLI::App* sub = nullptr;
+    try {
+      sub = app.get_subcommand(helpTopic);
+    } catch (const CLI::OptionNotFound&) {
+      tovctl::usageError(unknownCommand(app, helpTopic));
+    }
+    std::cout << sub->help();
+    return tovctl::kExitOk;
+  });
 
   app.require_subcommand(1);
 
@@ -252,6 +400,23 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    // The options were not all read: --json and -H count as given anyway.
+    tovctl::setJsonOutput(
+        std::find_if(argv + 1, argv + argc, [](const char* a) {
+          return std::string(a) == "--json";
+        }) != argv + argc);
+    tovctl::setTarget("", 0);
+    bool known = false;
+    for (const CLI::App* sub : app.get_subcommands({})) {
+      known = known || sub->parsed();
+    }
+    const std::string word = commandWord(app, argc, argv);
+    if (!known && !word.empty()) {
+      const std::vector<std::string> names = commandNames(app);
+      if (std::find(names.begin(), names.end(), word) == names.end()) {
+        return tovctl::reportUsage(unknownCommand(app, word));
+      }
+    }
     return tovctl::reportUsage(std::string("usage: ") + e.what() +
                                " (see tovctl --help)");
   }

@@ -31,7 +31,12 @@ bool isInteger(const std::string& s) {
 
 }  // namespace
 
-void printTable(std::ostream& out, const std::vector<Row>& rows) {
+void printTable(std::ostream& out, const std::vector<Row>& given) {
+  // Cells hold daemon text: escaped first, so the columns still line up.
+  std::vector<Row> rows = given;
+  for (Row& r : rows) {
+    for (std::string& cell : r) cell = shown(cell);
+  }
   std::vector<std::size_t> width;
   for (const Row& r : rows) {
     if (width.size() < r.size()) width.resize(r.size(), 0);
@@ -129,24 +134,6 @@ std::vector<std::string> splitRecord(const std::string& line) {
   std::vector<std::string> out;
   tovUtils::tokenizer(line, out, " \t\r");
   return out;
-}
-
-nlohmann::json parseDiscoveryReport(const std::string& raw) {
-  nlohmann::json clusters = nlohmann::json::array();
-  std::istringstream in(raw);
-  std::string line;
-  while (std::getline(in, line)) {
-    const std::vector<std::string> rec = splitRecord(line);
-    if (rec.empty() || rec[0].size() != 1) continue;
-    if (rec[0] == "C" && rec.size() == tov1::c_SIZE_OK) {
-      nlohmann::json c = clusterJson(rec);
-      c["nodes"] = nlohmann::json::array();
-      clusters.push_back(c);
-    } else if (rec[0] == "N" && !clusters.empty()) {
-      clusters.back()["nodes"].push_back(nodeJson(rec));
-    }
-  }
-  return clusters;
 }
 
 }  // namespace tovctl

@@ -13,7 +13,8 @@ namespace tovctl {
 
 using Row = std::vector<std::string>;
 
-// Left-aligned columns, two blanks apart, no trailing blanks.
+// Left-aligned columns, two blanks apart, no trailing blanks; cells are shown
+// escaped on a terminal.
 void printTable(std::ostream& out, const std::vector<Row>& rows);
 
 // A record field as a JSON number when it is a decimal integer, else as text.
@@ -31,10 +32,6 @@ nlohmann::json nodeJson(const std::vector<std::string>& rec);
 
 // Splits a record line at blanks.
 std::vector<std::string> splitRecord(const std::string& line);
-
-// The clusters of a raw discovery report (cluster lines each followed by
-// their node lines), as JSON objects with their nodes.
-nlohmann::json parseDiscoveryReport(const std::string& raw);
 
 }  // namespace tovctl
 

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,16 +10,117 @@
 #include <iostream>
 
 #include "codes.h"
+#include "common/text.h"
 #include "tovapi/libtovapi.h"
 
 namespace tovctl {
 
-void failWith(const std::string& what, int result, const std::string& detail) {
-  throw ExitNow{reportFailure(what, result, detail)};
+void failWith(const std::string& what, int result, const std::string& detail,
+              const nlohmann::json& partial) {
+  throw ExitNow{reportFailure(what, result, detail, partial)};
 }
 
 void usageError(const std::string& message) {
   throw ExitNow{reportUsage(message)};
+}
+
+bool splitHostPort(const std::string& text, std::string& host, int& port,
+                   std::string& why) {
+  std::string name = text;
+  std::string portText;
+  if (!text.empty() && text[0] == '[') {
+    const std::size_t close = text.find(']');
+    if (close == std::string::npos ||
+        (close + 1 < text.size() && text[close + 1] != ':')) {
+      why = "\"" + text + "\" is not [ADDRESS] or [ADDRESS]:PORT";
+      return false;
+    }
+    name = text.substr(1, close - 1);
+    if (close + 1 < text.size()) portText = text.substr(close + 2);
+    if (close + 1 < text.size() && portText.empty()) {
+      why = "\"" + text + "\" has an empty port";
+      return false;
+    }
+  } else if (std::count(text.begin(), text.end(), ':') == 1) {
+    const std::size_t colon = text.find(':');
+    name = text.substr(0, colon);
+    portText = text.substr(colon + 1);
+    if (portText.empty()) {
+      why = "\"" + text + "\" has an empty port";
+      return false;
+    }
+  }
+  if (name.empty()) {
+    why = "the host is empty";
+    return false;
+  }
+  if (!portText.empty()) {
+    const bool digits =
+        portText.size() <= 5 &&
+        std::all_of(portText.begin(), portText.end(),
+                    [](char c) { return c >= '0' && c <= '9'; });
+    const int value = digits ? std::stoi(portText) : 0;
+    if (value < 1 || value > 65535) {
+      why = "port \"" + portText + "\" of \"" + text +
+            "\" is not a number from 1 to 65535";
+      return false;
+    }
+    port = value;
+  }
+  host = name;
+  return true;
+}
+
+namespace {
+
+tovtools::Deadline* commandDeadline = nullptr;
+
+// What the library was waiting for, told by the result of the call that the
+// deadline cut short.
+std::string waitingFor(int result, const std::string& label) {
+  switch (codeOf(result)) {
+    case tov1::TOV_SOCK_CONNECT:
+    case tov1::TOV_SOCK_GETOPTS:
+      return "awaiting the connection to " + label;
+    case tov1::TOV_SOCK_SELECT:
+    case tov1::TOV_COMMS_SALT:
+      return "awaiting the salt from " + label;
+    case tov1::TOV_SOCK_RECV:
+      return "awaiting the reply from " + label;
+    case tov1::TOV_COMMS_NORESPONSE:
+      return "waiting to retry the busy daemon at " + label;
+    default:
+      return "awaiting " + label;
+  }
+}
+
+}  // namespace
+
+void setDeadline(double seconds) {
+  delete commandDeadline;
+  commandDeadline = new tovtools::Deadline(seconds);
+}
+
+tovtools::Deadline& deadline() {
+  if (commandDeadline == nullptr) commandDeadline = new tovtools::Deadline(0);
+  return *commandDeadline;
+}
+
+void checkDeadline(const std::string& what, const std::string& label,
+                   int result) {
+  if (result == 0 || !deadline().expired()) return;
+  throw ExitNow{
+      reportDeadline(what, deadline().seconds(), waitingFor(result, label))};
+}
+
+bool stdoutIsTerminal() {
+  static const bool terminal = isatty(STDOUT_FILENO) != 0;
+  return terminal;
+}
+
+std::string shown(const std::string& text, bool keepLineFeeds) {
+  return stdoutIsTerminal() ? tovtools::escapeControls(text, keepLineFeeds)
+                            : text;
 }
 
 StreamCapture::StreamCapture(std::ostream& stream, bool active)
@@ -47,18 +149,36 @@ std::string field(const std::vector<std::string>& rec, std::size_t i) {
   return i < rec.size() ? rec[i] : std::string();
 }
 
-// The first line of a file, without its line end.
+// The first line of a file (or of standard input for "-"), without its
+// line end. A file that others may read is refused: the password in it is
+// as good as the operator's.
 std::string readPasswordFile(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) {
-    usageError("cannot read password file " + path + ": " +
-               std::strerror(errno));
-  }
   std::string line;
-  std::getline(in, line);
-  if (in.bad()) {
-    usageError("cannot read password file " + path + ": " +
-               std::strerror(errno));
+  if (path == "-") {
+    std::getline(std::cin, line);
+  } else {
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) {
+      usageError("cannot read password file " + path + ": " +
+                 std::strerror(errno));
+    }
+    if ((st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+      char mode[8];
+      std::snprintf(mode, sizeof mode, "%04o",
+                    static_cast<unsigned>(st.st_mode & 07777));
+      usageError("password file " + path + " can be read by others (mode " +
+                 mode + "); make it private with: chmod 600 " + path);
+    }
+    std::ifstream in(path);
+    if (!in) {
+      usageError("cannot read password file " + path + ": " +
+                 std::strerror(errno));
+    }
+    std::getline(in, line);
+    if (in.bad()) {
+      usageError("cannot read password file " + path + ": " +
+                 std::strerror(errno));
+    }
   }
   if (!line.empty() && line.back() == '\r') line.pop_back();
   return line;
@@ -67,7 +187,9 @@ std::string readPasswordFile(const std::string& path) {
 }  // namespace
 
 Session::Session(const Options& opts, std::string host)
-    : opts_(opts), host_(std::move(host)), port_(std::to_string(opts.port)) {}
+    : opts_(opts), host_(std::move(host)), port_(std::to_string(opts.port)) {
+  setTarget(host_, opts_.port);
+}
 
 std::string Session::label() const {
   if (host_.find(':') != std::string::npos) {
@@ -77,11 +199,9 @@ std::string Session::label() const {
 }
 
 void Session::refreshCache(bool force, const std::string& doing) {
-  int rc;
-  {
-    QuietLibrary quiet;
-    rc = tov1::tovCache.refreshCache(host_, port_, force);
-  }
+  const int rc = bounded(doing, label(), [&] {
+    return tov1::tovCache.refreshCache(host_, port_, force);
+  });
   if (rc != 0) failWith(doing, rc);
 }
 
@@ -147,11 +267,20 @@ std::vector<std::string> Session::authVector() {
   std::string password;
   if (!opts_.passwordFile.empty()) {
     password = readPasswordFile(opts_.passwordFile);
+  } else if (isatty(STDIN_FILENO) == 0) {
+    usageError("user " + opts_.user +
+               " needs a password, and standard input is not a terminal to "
+               "ask on: give --password-file FILE (or - to read standard "
+               "input)");
   } else {
     password = tov1::tovAuth.getUserPass("Password for " + opts_.user + " at " +
                                          label() + ": ");
     // The typed line end was not echoed either.
-    if (isatty(STDIN_FILENO)) std::cerr << std::endl;
+    std::cerr << std::endl;
+  }
+  if (password.empty()) {
+    usageError("no password for user " + opts_.user +
+               " (empty, or end of input): nothing was sent");
   }
   auth_ = tov1::tovAuth.genObject(opts_.user, password, "");
   std::fill(password.begin(), password.end(), '\0');
@@ -160,26 +289,32 @@ std::vector<std::string> Session::authVector() {
 
 int Session::request(const std::string& line,
                      const std::vector<std::string>& auth, unsigned attempts,
-                     Reply& reply) {
+                     Reply& reply, const std::string& what) {
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     char* buffer = nullptr;
-    int rc;
-    {
-      QuietLibrary quiet;
-      rc = tov1::tovNet.tovcomms(buffer, host_, port_, line, auth, "");
-    }
+    const int rc = bounded(what, label(), [&] {
+      return tov1::tovNet.tovcomms(buffer, host_, port_, line, auth, "");
+    });
     const std::string text = buffer != nullptr ? buffer : "";
     delete[] buffer;
     if (rc != 0) return rc;
     reply = parseReply(text);
     if (reply.letter != static_cast<char>(rep_busy)) return reply.status;
     if (attempt + 1 < attempts) {
-      int wait;
-      {
-        QuietLibrary quiet;
+      // The poll time comes from the cache, which keeps it within reason.
+      int wait = 0;
+      bounded(what, label(), [&] {
         wait = tov1::tovCache.getPollTime(host_);
+        return 0;
+      });
+      if (wait > 0) {
+        bounded(what, label(), [&] {
+          sleep(static_cast<unsigned>(wait));
+          return deadline().expired()
+                     ? -static_cast<int>(tov1::TOV_COMMS_NORESPONSE)
+                     : 0;
+        });
       }
-      if (wait > 0) sleep(static_cast<unsigned>(wait));
     }
   }
   return -static_cast<int>(tov1::TOV_COMMS_BUSY);

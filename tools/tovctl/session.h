@@ -1,13 +1,18 @@
 // What every subcommand shares: the global options, the daemon addressed,
-// authentication, quiet library calls, service look-up and single requests.
+// authentication, library calls bounded by the command's deadline, service
+// look-up and single requests.
 #ifndef TOOLS_TOVCTL_SESSION_H
 #define TOOLS_TOVCTL_SESSION_H
 
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "common/deadline.h"
 
 namespace tovctl {
 
@@ -15,10 +20,13 @@ struct Options {
   std::string host = "127.0.0.1";
   int port = 1195;
   double timeout = 3.0;
+  double deadline = 30.0;
   bool ipv4 = false;
   bool ipv6 = false;
   unsigned debug = 0;
   bool noColour = false;
+  bool showSecrets = false;
+  bool yes = false;
   std::string user;
   std::string passwordFile;
   unsigned attempts = 3;
@@ -30,9 +38,18 @@ struct ExitNow {
   int status;
 };
 
+// With --json, `partial` (an object or null) is what the command has to say
+// besides the error; the error is added to it.
 [[noreturn]] void failWith(const std::string& what, int result,
-                           const std::string& detail = "");
+                           const std::string& detail = "",
+                           const nlohmann::json& partial = nullptr);
 [[noreturn]] void usageError(const std::string& message);
+
+// Splits "host", "host:port", "[v6]" or "[v6]:port"; a bare IPv6 address
+// (more than one colon) is a host. `port` is left alone when none is given.
+// False, with the reason, for an empty host or a bad port.
+bool splitHostPort(const std::string& text, std::string& host, int& port,
+                   std::string& why);
 
 // Swaps the buffer of a standard stream for a string buffer while it lives,
 // so that library output can be withheld or reshaped.
@@ -60,6 +77,28 @@ class QuietLibrary {
  private:
   StreamCapture capture_;
 };
+
+// The command's deadline (--deadline); its clock starts with the first
+// bounded call.
+void setDeadline(double seconds);
+tovtools::Deadline& deadline();
+
+// Runs one library call quietly and within the deadline. `what` names the
+// command and `label` the daemon for the line printed when the deadline
+// ends the call; that line's exit status ends the program.
+// withinDeadline() alone leaves the check to the caller.
+template <typename Call>
+int bounded(const std::string& what, const std::string& label, Call&& call);
+template <typename Call>
+int withinDeadline(Call&& call);
+void checkDeadline(const std::string& what, const std::string& label,
+                   int result);
+
+// Whether standard output is a terminal: daemon text is then shown with its
+// control characters escaped.
+bool stdoutIsTerminal();
+// A daemon's text as it may be shown on standard output.
+std::string shown(const std::string& text, bool keepLineFeeds = false);
 
 struct ServiceRecord {
   unsigned index = 0;
@@ -106,13 +145,17 @@ class Session {
   ServiceRef resolveService(const std::string& arg);
 
   // The authentication vector for a command that changes something: empty
-  // without a user; the password comes from --password-file or a prompt.
+  // without a user. The password comes from --password-file (a file only
+  // its owner can read, or "-" for standard input) or from a prompt on a
+  // terminal; an empty password is refused. Commands ask for it before
+  // their first request, so that typing does not eat into the deadline.
   std::vector<std::string> authVector();
 
   // One request line, retried while the daemon answers busy, as the
-  // library's service commands do. Returns 0 or a library result.
+  // library's service commands do. Returns 0 or a library result; a daemon
+  // still busy after the last attempt gives TOV_COMMS_BUSY.
   int request(const std::string& line, const std::vector<std::string>& auth,
-              unsigned attempts, Reply& reply);
+              unsigned attempts, Reply& reply, const std::string& what);
 
  private:
   Options opts_;
@@ -126,6 +169,20 @@ Reply parseReply(const std::string& text);
 
 // Names of a service for messages: "service 0 (web)" or "service 3".
 std::string describe(const ServiceRef& s);
+
+template <typename Call>
+int withinDeadline(Call&& call) {
+  tovtools::Deadline::Guard guard(deadline());
+  QuietLibrary quiet;
+  return std::forward<Call>(call)();
+}
+
+template <typename Call>
+int bounded(const std::string& what, const std::string& label, Call&& call) {
+  const int result = withinDeadline(std::forward<Call>(call));
+  checkDeadline(what, label, result);
+  return result;
+}
 
 }  // namespace tovctl
 
