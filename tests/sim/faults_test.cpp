@@ -73,14 +73,17 @@ TEST(SimFaults, FaultLetterLimitsBusyAndReplyFaults) {
 
 TEST(SimFaults, CommandLineFaultsWinOverTheFile) {
   SimOptions o;
-  o.configJson = R"({"services": [{"name": "a"}],
+  o.configJson = R"({"cluster": {"poll_time": 7}, "services": [{"name": "a"}],
                      "faults": {"busy": 5, "pad_to": 300}})";
-  o.extraArgs = {"--busy", "1"};
+  o.extraArgs = {"--busy", "1", "--poll-time", "2147483647"};
   SimProcess sim(o);
   const auto first = exchange(sim.port(), "O 0");
   EXPECT_EQ(letterOf(first.bytes), 'k');
   EXPECT_EQ(first.bytes.size(), 300u) << "file setting kept";
   EXPECT_EQ(letterOf(exchange(sim.port(), "O 0").bytes), 'n');
+  const auto c = fields(lines(exchange(sim.port(), "CCN").bytes).at(1));
+  ASSERT_EQ(c.size(), 13u);
+  EXPECT_EQ(c[8], "2147483647") << "poll time from the command line";
 }
 
 TEST(SimFaults, ShortSaltSendsOnlyThatManyBytes) {
@@ -349,29 +352,53 @@ TEST(SimMultiNode, EveryAddressServesTcpOnOnePort) {
   EXPECT_EQ(hb[1], "n2 127.0.0.2 up");
 }
 
-TEST(SimLifecycle, SigtermStopsPromptlyAndCleanly) {
-  SimProcess sim(faulty({"--reply-delay", "60000"}));
-  // A connection stuck in a long delay must not hold the stop up.
-  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
-  readSome(s.fd(), 8, 5000);
-  rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
-  const auto t0 = Clock::now();
-  sim.stop();
-  EXPECT_LT(msSince(t0), 4000);
-  EXPECT_EQ(sim.exitStatus(), 0) << sim.log();
-  EXPECT_NE(sim.log().find("stopping"), std::string::npos);
+TEST(SimLifecycle, SigtermStopsPromptlyWhileARequestIsHeld) {
+  struct Case {
+    const char* what;
+    std::vector<std::string> args;
+    std::size_t minBytes;  // of the reply within the first 1.5 s
+    std::size_t maxBytes;
+  };
+  const Case cases[] = {
+      {"salt, then silence", {"--reply-delay", "600000"}, 0, 0},
+      {"one byte a second",
+       {"--pad-to", "4000", "--chunk", "1", "--chunk-pause", "1000"},
+       2,
+       2},
+  };
+  for (const Case& c : cases) {
+    SimProcess sim(faulty(c.args));
+    rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+    ASSERT_EQ(readSome(s.fd(), 8, 5000).size(), 8u) << c.what;
+    rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
+    const std::string got = readSome(s.fd(), 100, 1500);
+    EXPECT_GE(got.size(), c.minBytes) << c.what;
+    EXPECT_LE(got.size(), c.maxBytes) << c.what;
+    const auto t0 = Clock::now();
+    sim.stop();
+    EXPECT_LT(msSince(t0), 1500) << c.what;
+    EXPECT_EQ(sim.exitStatus(), 0) << sim.log();
+    EXPECT_NE(sim.log().find("stopping"), std::string::npos);
+  }
 }
 
 TEST(SimLifecycle, StopsByItselfAfterItsLifetime) {
-  SimOptions o = faulty({});
+  // Even while a request waits for an answer that would take ten minutes.
+  SimOptions o = faulty({"--reply-delay", "600000"});
   o.maxLifetimeSec = 1;
   SimProcess sim(o);
+  rawtest::Socket s = rawtest::connectTcp("127.0.0.1", sim.port());
+  readSome(s.fd(), 8, 5000);
+  rawtest::sendAll(s.fd(), rawtest::frame("V 0"));
   for (int i = 0; i < 500 && sim.running(); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   EXPECT_FALSE(sim.running());
   EXPECT_EQ(sim.exitStatus(), 0);
   EXPECT_NE(sim.log().find("maximum lifetime"), std::string::npos);
+  bool eof = false;
+  EXPECT_EQ(readSome(s.fd(), 8, 1000, nullptr, &eof), "");
+  EXPECT_TRUE(eof) << "the held connection is closed, not answered";
 }
 
 }  // namespace

@@ -396,6 +396,8 @@ TEST(SimConfig, BadFilesAreRefusedWithStatusTwo) {
       {R"({"users": [{"user": "u", "sha256": "abc"}]})", "sha256"},
       {R"({"users": [{"user": "u"}]})", "password"},
       {R"({"cluster": {"poll_time": "fast"}})", "poll_time"},
+      {R"({"cluster": {"poll_time": 2147483648}})",
+       "cluster.poll_time: must be between 0 and 2147483647"},
       {R"({"faults": {"short_salt": 9}})", "short_salt"},
   };
   for (const auto& c : cases) {

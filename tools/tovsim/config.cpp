@@ -144,7 +144,7 @@ void parseFaults(const json& f, Faults& out) {
       f, w,
       {"busy", "short_salt", "no_salt", "late_salt", "reply_delay", "chunk",
        "chunk_pause", "cut_after", "reset_after", "pad_to", "fault_letter"});
-  const long long maxMs = 600000;
+  const long long maxMs = kMaxDelayMs;
   out.busy = static_cast<int>(getInt(f, w, "busy", out.busy, 0, 1000000));
   out.shortSalt =
       static_cast<int>(getInt(f, w, "short_salt", out.shortSalt, -1, 7));
@@ -207,7 +207,10 @@ Config parseConfig(const std::string& text) {
     } else {
       cfg.serial = getString(c, w, "serial", cfg.serial);
     }
-    cfg.pollTime = static_cast<int>(getInt(c, w, "poll_time", 1, 0, 3600));
+    // Any poll time a record can announce, absurd ones included, so that
+    // clients can be tried against them.
+    cfg.pollTime =
+        static_cast<int>(getInt(c, w, "poll_time", 1, 0, kMaxPollTime));
     cfg.bootstrap = getBool(c, w, "bootstrap", false);
     cfg.machineIdent = getString(c, w, "machine_ident", "", true);
     cfg.machineDesc = getString(c, w, "machine_desc", cfg.machineDesc, true);

@@ -54,6 +54,13 @@ struct Faults {
   char onlyLetter = 0;   // reply faults only for this request letter
 };
 
+// Longest delay or pause, in milliseconds: long enough to hold a client for
+// as long as any test or demo runs; a stop still cuts it short.
+constexpr int kMaxDelayMs = 3600000;
+
+// Largest poll time in seconds: what the record's field can hold.
+constexpr int kMaxPollTime = 2147483647;
+
 struct Config {
   std::string clusterName = "tovsim";
   std::string serial = "-1";

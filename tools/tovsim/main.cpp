@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
   std::size_t maxFrame = 65536;
   tovsim::Faults cli;
   std::string faultLetter;
+  int pollTime = 1;
   bool showVersion = false;
 
   app.add_option("--config", configPath, "cluster configuration (JSON)")
@@ -85,6 +86,10 @@ int main(int argc, char** argv) {
   app.add_option("--max-frame", maxFrame, "largest request frame in bytes")
       ->check(CLI::Range(16, 16 << 20))
       ->capture_default_str();
+  auto* pollOpt = app.add_option("--poll-time", pollTime,
+                                 "poll time in seconds announced in the "
+                                 "cluster record (overrides the file)")
+                      ->check(CLI::Range(0, tovsim::kMaxPollTime));
   app.add_flag("--version", showVersion, "print the version and exit");
 
   auto* g = app.add_option_group("Faults", "misbehave on purpose");
@@ -99,16 +104,16 @@ int main(int argc, char** argv) {
       g->add_flag("--no-salt", cli.noSalt, "close right after accepting");
   auto* lateOpt = g->add_option("--late-salt", cli.lateSaltMs,
                                 "wait MS milliseconds before the salt")
-                      ->check(CLI::Range(0, 600000));
+                      ->check(CLI::Range(0, tovsim::kMaxDelayMs));
   auto* delayOpt = g->add_option("--reply-delay", cli.replyDelayMs,
                                  "wait MS milliseconds before the reply")
-                       ->check(CLI::Range(0, 600000));
+                       ->check(CLI::Range(0, tovsim::kMaxDelayMs));
   auto* chunkOpt = g->add_option("--chunk", cli.chunkBytes,
                                  "write the reply in pieces of N bytes")
                        ->check(CLI::Range(0, 1 << 20));
   auto* pauseOpt = g->add_option("--chunk-pause", cli.chunkPauseMs,
                                  "pause MS milliseconds between the pieces")
-                       ->check(CLI::Range(0, 600000));
+                       ->check(CLI::Range(0, tovsim::kMaxDelayMs));
   auto* cutOpt = g->add_option("--cut-after", cli.cutAfter,
                                "send only N bytes of the reply, then close")
                      ->check(CLI::Range(0L, 1L << 24));
@@ -159,6 +164,7 @@ int main(int argc, char** argv) {
     if (padOpt->count()) f.padTo = cli.padTo;
     if (letterOpt->count())
       f.onlyLetter = faultLetter.empty() ? 0 : faultLetter[0];
+    if (pollOpt->count()) cfg.pollTime = pollTime;
     if (listenOpt->count() == 0) {
       listen = cfg.listen.empty() ? std::vector<std::string>{"127.0.0.1"}
                                   : cfg.listen;
