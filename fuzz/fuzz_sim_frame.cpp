@@ -4,7 +4,8 @@
 // frame is handed to fresh daemons (built-in cluster; the same without users,
 // so that unauthenticated requests reach the service handling; and one whose
 // services are broken or starting, for the refusals). Replies are checked
-// for their shape and dropped.
+// for their shape and dropped. The same bytes also go through the escape
+// decoder of names and discovery answers.
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -94,6 +95,23 @@ void checkPadding(const std::string& text, std::size_t extra) {
   FUZZ_REQUIRE(tovsim::padReply(text, static_cast<long>(text.size())) == text);
 }
 
+// Decoding never grows a text, and every byte written as \xNN comes back.
+void checkEscapes(const std::string& input) {
+  try {
+    FUZZ_REQUIRE(tovsim::decodeEscapes(input).size() <= input.size());
+  } catch (const tovsim::ConfigError&) {
+    FUZZ_REQUIRE(input.find('\\') != std::string::npos);
+  }
+  std::string encoded;
+  for (unsigned char c : input) {
+    static const char digits[] = "0123456789abcdef";
+    encoded += "\\x";
+    encoded += digits[c >> 4];
+    encoded += digits[c & 15];
+  }
+  FUZZ_REQUIRE(tovsim::decodeEscapes(encoded) == input);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -107,6 +125,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data,
                                       std::size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
+  checkEscapes(input);
   std::vector<std::string> frames;
   for (std::size_t start = 0;
        start <= input.size() && frames.size() < kMaxFrames;) {

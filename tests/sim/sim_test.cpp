@@ -377,6 +377,32 @@ TEST(SimInfo, BootstrapSerialAndConfigChecksum) {
   EXPECT_NE(cline(s3)[4], c1[4]) << "another file, another checksum";
 }
 
+TEST(SimInfo, EscapedNamesAreServedAsTheirBytes) {
+  // What JSON cannot carry (a Latin-1 byte, control characters) reaches the
+  // records through escapes; blanks and tabs still become '_'.
+  SimProcess sim(withConfig(R"({
+    "cluster": {"name": "caf\\xe9\\x1b[0m", "poll_time": 2147483647,
+                "machine_ident": "back\\\\slash",
+                "machine_desc": "\\x1b]0;pwned\\x07 desc\\there"},
+    "nodes": [{"name": "n\\xE9", "address": "127.0.0.1"}],
+    "services": [{"name": "s\\x1b[1m", "node": "n\\xe9",
+                  "state": "running"}]
+  })"));
+  const auto ls = lines(exchange(sim.port(), "CCN").bytes);
+  ASSERT_GE(ls.size(), 4u);
+  const auto c = fields(ls[1]);
+  ASSERT_EQ(c.size(), 13u) << ls[1];
+  EXPECT_EQ(c[1], "caf\xe9\x1b[0m");
+  EXPECT_EQ(c[8], "2147483647");
+  EXPECT_EQ(c[11], "back\\slash");
+  EXPECT_EQ(c[12], "\x1b]0;pwned\x07_desc_here");
+  EXPECT_EQ(ls[2], "N n\xe9 127.0.0.1 4");
+  EXPECT_EQ(ls[3], "S 0 s\x1b[1m running manual 0 n\xe9");
+  EXPECT_EQ(letterOf(exchange(sim.port(), "Y 0 hello").bytes), 'a');
+  EXPECT_EQ(sim.log().find('\x1b'), std::string::npos)
+      << "the log shows control bytes escaped";
+}
+
 TEST(SimConfig, BuiltInClusterWithoutConfigFile) {
   SimProcess sim(SimOptions{});
   const auto ls = lines(exchange(sim.port(), "CCN").bytes);
@@ -399,6 +425,10 @@ TEST(SimConfig, BadFilesAreRefusedWithStatusTwo) {
       {R"({"cluster": {"poll_time": 2147483648}})",
        "cluster.poll_time: must be between 0 and 2147483647"},
       {R"({"faults": {"short_salt": 9}})", "short_salt"},
+      {R"({"cluster": {"name": "caf\\q"}})",
+       "cluster.name: invalid escape \"\\q\""},
+      {R"({"services": [{"name": "a\\x00"}]})",
+       "services[0].name: must not contain line breaks or NUL"},
   };
   for (const auto& c : cases) {
     try {

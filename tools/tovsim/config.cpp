@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cctype>
+#include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -68,6 +69,16 @@ void onlyKeys(const json& obj, const std::string& where,
   }
 }
 
+// Record fields and reply messages are lines ended by a line feed, and the
+// reply by a NUL.
+void checkOneLine(const std::string& where, const std::string& s) {
+  for (char c : s) {
+    if (c == '\n' || c == '\r' || c == '\0') {
+      fail(where, "must not contain line breaks or NUL");
+    }
+  }
+}
+
 std::string getString(const json& obj, const std::string& where,
                       const char* key, const std::string& def,
                       bool allowEmpty = false) {
@@ -76,11 +87,23 @@ std::string getString(const json& obj, const std::string& where,
   if (!v.is_string()) fail(where + "." + key, "expected a string");
   std::string s = v.get<std::string>();
   if (s.empty() && !allowEmpty) fail(where + "." + key, "must not be empty");
-  for (char c : s) {
-    if (c == '\n' || c == '\r' || c == '\0') {
-      fail(where + "." + key, "must not contain line breaks or NUL");
-    }
+  checkOneLine(where + "." + key, s);
+  return s;
+}
+
+// A name or description: escapes let it hold bytes that JSON cannot carry
+// (not UTF-8, control characters).
+std::string getName(const json& obj, const std::string& where, const char* key,
+                    const std::string& def, bool allowEmpty = false) {
+  if (!obj.contains(key)) return def;
+  const std::string raw = getString(obj, where, key, def, allowEmpty);
+  std::string s;
+  try {
+    s = decodeEscapes(raw);
+  } catch (const ConfigError& e) {
+    fail(where + "." + key, e.what());
   }
+  checkOneLine(where + "." + key, s);
   return s;
 }
 
@@ -169,6 +192,56 @@ void parseFaults(const json& f, Faults& out) {
 
 }  // namespace
 
+std::string decodeEscapes(const std::string& text) {
+  // Shows the offending bytes readably even when they are not printable.
+  auto bad = [&](std::size_t at, std::size_t len, const std::string& why) {
+    std::string shown = "\\";
+    for (std::size_t k = at + 1; k < at + len && k < text.size(); ++k) {
+      const unsigned char c = static_cast<unsigned char>(text[k]);
+      if (c >= 0x20 && c < 0x7f && c != '"') {
+        shown += static_cast<char>(c);
+      } else {
+        char hex[8];
+        std::snprintf(hex, sizeof hex, "<%02x>", c);
+        shown += hex;
+      }
+    }
+    return ConfigError("invalid escape \"" + shown + "\" at byte " +
+                       std::to_string(at + 1) + ": " + why);
+  };
+  auto hexValue = [](char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      out += text[i];
+      continue;
+    }
+    if (i + 1 == text.size()) {
+      throw bad(i, 1, "a backslash at the end (write \\\\ for one)");
+    }
+    const char c = text[i + 1];
+    if (c == 'n' || c == 'r' || c == 't' || c == '\\') {
+      out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : '\\';
+      ++i;
+    } else if (c == 'x') {
+      const int hi = i + 2 < text.size() ? hexValue(text[i + 2]) : -1;
+      const int lo = i + 3 < text.size() ? hexValue(text[i + 3]) : -1;
+      if (hi < 0 || lo < 0) throw bad(i, 4, "\\x takes two hex digits");
+      out += static_cast<char>(hi * 16 + lo);
+      i += 3;
+    } else {
+      throw bad(i, 2, "known are \\n \\r \\t \\\\ \\xNN");
+    }
+  }
+  return out;
+}
+
 void checkFaults(const Faults& f) {
   if (f.busy < 0) throw ConfigError("busy: must not be negative");
   if (f.shortSalt < -1 || f.shortSalt > 7) {
@@ -201,7 +274,7 @@ Config parseConfig(const std::string& text) {
     onlyKeys(c, w,
              {"name", "serial", "poll_time", "bootstrap", "machine_ident",
               "machine_desc"});
-    cfg.clusterName = getString(c, w, "name", cfg.clusterName);
+    cfg.clusterName = getName(c, w, "name", cfg.clusterName);
     if (c.contains("serial") && c.at("serial").is_number_integer()) {
       cfg.serial = std::to_string(c.at("serial").get<long long>());
     } else {
@@ -212,8 +285,8 @@ Config parseConfig(const std::string& text) {
     cfg.pollTime =
         static_cast<int>(getInt(c, w, "poll_time", 1, 0, kMaxPollTime));
     cfg.bootstrap = getBool(c, w, "bootstrap", false);
-    cfg.machineIdent = getString(c, w, "machine_ident", "", true);
-    cfg.machineDesc = getString(c, w, "machine_desc", cfg.machineDesc, true);
+    cfg.machineIdent = getName(c, w, "machine_ident", "", true);
+    cfg.machineDesc = getName(c, w, "machine_desc", cfg.machineDesc, true);
   }
 
   if (root.contains("listen")) {
@@ -236,7 +309,7 @@ Config parseConfig(const std::string& text) {
       const std::string w = "nodes[" + std::to_string(i) + "]";
       onlyKeys(ns[i], w, {"name", "address", "family"});
       NodeConfig n;
-      n.name = getString(ns[i], w, "name", "");
+      n.name = getName(ns[i], w, "name", "");
       if (n.name.empty()) fail(w + ".name", "is required");
       if (!seen.insert(n.name).second) fail(w + ".name", "duplicate node name");
       n.address = getString(ns[i], w, "address", "");
@@ -259,7 +332,7 @@ Config parseConfig(const std::string& text) {
       const std::string w = "services[" + std::to_string(i) + "]";
       onlyKeys(ss[i], w, {"name", "state", "mode", "blocked", "node"});
       ServiceConfig s;
-      s.name = getString(ss[i], w, "name", "");
+      s.name = getName(ss[i], w, "name", "");
       if (s.name.empty()) fail(w + ".name", "is required");
       if (!seen.insert(s.name).second) {
         fail(w + ".name", "duplicate service name");
@@ -284,7 +357,7 @@ Config parseConfig(const std::string& text) {
       }
       s.automatic = mode == "auto";
       s.blocked = getBool(ss[i], w, "blocked", false);
-      s.node = getString(ss[i], w, "node", "", true);
+      s.node = getName(ss[i], w, "node", "", true);  // as nodes[].name
       cfg.services.push_back(s);
     }
   }

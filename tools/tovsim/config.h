@@ -97,6 +97,11 @@ void finishConfig(Config& cfg, const std::vector<std::string>& listen);
 // Validates one fault setting given on the command line or in the file.
 void checkFaults(const Faults& f);
 
+// Decodes \n, \r, \t, \\ and \xNN (two hex digits, any byte), so that a
+// text can carry bytes that JSON or a command line cannot. Throws
+// ConfigError naming the first invalid escape.
+std::string decodeEscapes(const std::string& text);
+
 std::uint32_t crc32(const std::string& bytes);
 
 // Numeric address family of an address text: 4, 6, or 0 if not numeric.

@@ -494,8 +494,9 @@ Outcome Daemon::serviceRequest(char e, std::size_t idx,
       std::string text = suffix;
       if (text.empty()) text = data.substr(0, data.find('\n'));
       if (text.empty()) return reply(e, 'l', "nothing to log");
-      logLine(0, "log entry from " + who + " for " + what + ": " +
-                     printable(text, 1024));
+      // Names may hold control bytes; the log shows them escaped.
+      logLine(0, "log entry from " + printable(who) + " for " +
+                     printable(what) + ": " + printable(text, 1024));
       record(static_cast<int>(idx), "log: " + printable(text, 200));
       return reply(e, 'a', "logged");
     }

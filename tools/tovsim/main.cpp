@@ -218,7 +218,7 @@ int main(int argc, char** argv) {
     std::ostringstream addrs;
     for (const std::string& a : listen) addrs << " " << a;
     tovsim::logLine(
-        0, "cluster " + cfg.clusterName + ": " +
+        0, "cluster " + tovsim::printable(cfg.clusterName) + ": " +
                std::to_string(cfg.nodes.size()) + " node(s), " +
                std::to_string(cfg.services.size()) + " service(s), " +
                std::to_string(cfg.users.size()) + " user(s)" +
