@@ -334,6 +334,43 @@ TEST(SimUdp, AnythingButTheProbeIsIgnored) {
             1u);
 }
 
+TEST(SimUdp, DiscoveryAnswerFaultSendsTheGivenDatagramsInOrder) {
+  // Good, then hostile bytes (not UTF-8, a terminal escape, a stray record
+  // line, a backslash), then good again, all from one address; given in the
+  // file and on the command line.
+  const std::string hostile = "C caf\xe9 \x1b]0;pwned\x07\nN \\";
+  struct Case {
+    const char* what;
+    std::string json;
+    std::vector<std::string> args;
+  };
+  const Case cases[] = {
+      {"file",
+       R"({"faults": {"udp_answers":
+           ["-", "C caf\\xe9 \\x1b]0;pwned\\x07\\nN \\\\", "-"]}})",
+       {}},
+      {"flags",
+       "{}",
+       {"--udp-answer", "-", "--udp-answer",
+        R"(C caf\xe9 \x1b]0;pwned\x07\nN \\)", "--udp-answer=-"}},
+  };
+  for (const Case& c : cases) {
+    SimOptions o;
+    o.configJson = c.json;
+    o.extraArgs = c.args;
+    o.udpPort = freeUdpPort({"127.0.0.1"});
+    SimProcess sim(o);
+    const auto got = probe("127.0.0.1", o.udpPort, std::string(8, '\xCD'), 600);
+    ASSERT_EQ(got.size(), 3u) << c.what << "\n" << sim.log();
+    EXPECT_EQ(got[0].text.rfind("C tovsim 1 0 ", 0), 0u) << got[0].text;
+    EXPECT_NE(got[0].text.find("\nN node1 127.0.0.1 4"), std::string::npos);
+    EXPECT_EQ(got[1].text, hostile) << c.what;
+    EXPECT_EQ(got[2].text, got[0].text) << c.what;
+    EXPECT_NE(sim.log().find("datagram 2 of 3: given bytes"), std::string::npos)
+        << sim.log();
+  }
+}
+
 TEST(SimMultiNode, EveryAddressServesTcpOnOnePort) {
   SimOptions o;
   o.configJson = kTwoNodes;

@@ -411,34 +411,52 @@ TEST(SimConfig, BuiltInClusterWithoutConfigFile) {
   EXPECT_EQ(letterOf(exchange(sim.port(), "G 0", kUser, kPass).bytes), 'a');
 }
 
-TEST(SimConfig, BadFilesAreRefusedWithStatusTwo) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"{", "not valid JSON"},
-      {R"({"servces": []})", "unknown key \"servces\""},
-      {R"({"services": [{"name": "a", "state": "dozing"}]})", "state"},
-      {R"({"services": [{"name": "a", "mode": "sometimes"}]})", "mode"},
-      {R"({"services": [{"name": "a", "node": "elsewhere"}]})", "elsewhere"},
-      {R"({"nodes": [{"name": "n", "address": "localhost"}]})", "address"},
-      {R"({"users": [{"user": "u", "sha256": "abc"}]})", "sha256"},
-      {R"({"users": [{"user": "u"}]})", "password"},
-      {R"({"cluster": {"poll_time": "fast"}})", "poll_time"},
+TEST(SimConfig, BadFilesAndFlagsAreRefusedWithStatusTwo) {
+  struct Case {
+    const char* json;
+    std::vector<std::string> args;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"{", {}, "not valid JSON"},
+      {R"({"servces": []})", {}, "unknown key \"servces\""},
+      {R"({"services": [{"name": "a", "state": "dozing"}]})", {}, "state"},
+      {R"({"services": [{"name": "a", "mode": "sometimes"}]})", {}, "mode"},
+      {R"({"services": [{"name": "a", "node": "elsewhere"}]})",
+       {},
+       "elsewhere"},
+      {R"({"nodes": [{"name": "n", "address": "localhost"}]})", {}, "address"},
+      {R"({"users": [{"user": "u", "sha256": "abc"}]})", {}, "sha256"},
+      {R"({"users": [{"user": "u"}]})", {}, "password"},
+      {R"({"cluster": {"poll_time": "fast"}})", {}, "poll_time"},
       {R"({"cluster": {"poll_time": 2147483648}})",
+       {},
        "cluster.poll_time: must be between 0 and 2147483647"},
-      {R"({"faults": {"short_salt": 9}})", "short_salt"},
+      {R"({"faults": {"short_salt": 9}})", {}, "short_salt"},
       {R"({"cluster": {"name": "caf\\q"}})",
+       {},
        "cluster.name: invalid escape \"\\q\""},
       {R"({"services": [{"name": "a\\x00"}]})",
+       {},
        "services[0].name: must not contain line breaks or NUL"},
+      {R"({"faults": {"udp_answers": ["-", "\\x4"]}})",
+       {},
+       "faults.udp_answers[1]: invalid escape \"\\x4\""},
+      {"{}",
+       {"--udp-answer", "-", "--udp-answer", "ok\\"},
+       "--udp-answer: invalid escape"},
   };
-  for (const auto& c : cases) {
+  for (const Case& c : cases) {
+    SimOptions o = withConfig(c.json);
+    o.extraArgs = c.args;
     try {
-      SimProcess sim(withConfig(c.first));
-      ADD_FAILURE() << "accepted: " << c.first;
+      SimProcess sim(o);
+      ADD_FAILURE() << "accepted: " << c.json;
     } catch (const std::runtime_error& e) {
       const std::string msg = e.what();
       EXPECT_NE(msg.find("status 2"), std::string::npos) << msg;
       EXPECT_NE(msg.find("configuration error"), std::string::npos) << msg;
-      EXPECT_NE(msg.find(c.second), std::string::npos) << msg;
+      EXPECT_NE(msg.find(c.message), std::string::npos) << msg;
     }
   }
 }

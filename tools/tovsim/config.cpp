@@ -163,10 +163,10 @@ bool hexDigest(const std::string& hex, std::array<unsigned char, 32>& out) {
 
 void parseFaults(const json& f, Faults& out) {
   const std::string w = "faults";
-  onlyKeys(
-      f, w,
-      {"busy", "short_salt", "no_salt", "late_salt", "reply_delay", "chunk",
-       "chunk_pause", "cut_after", "reset_after", "pad_to", "fault_letter"});
+  onlyKeys(f, w,
+           {"busy", "short_salt", "no_salt", "late_salt", "reply_delay",
+            "chunk", "chunk_pause", "cut_after", "reset_after", "pad_to",
+            "fault_letter", "udp_answers"});
   const long long maxMs = kMaxDelayMs;
   out.busy = static_cast<int>(getInt(f, w, "busy", out.busy, 0, 1000000));
   out.shortSalt =
@@ -188,6 +188,24 @@ void parseFaults(const json& f, Faults& out) {
   const std::string letter = getString(f, w, "fault_letter", "", true);
   if (letter.size() > 1) fail(w + ".fault_letter", "expected one character");
   out.onlyLetter = letter.empty() ? 0 : letter[0];
+  if (f.contains("udp_answers")) {
+    const json& a = f.at("udp_answers");
+    if (!a.is_array()) fail(w + ".udp_answers", "expected an array of strings");
+    if (a.size() > kMaxUdpAnswers) {
+      fail(w + ".udp_answers", "at most " + std::to_string(kMaxUdpAnswers) +
+                                   " datagrams per probe");
+    }
+    out.udpAnswers.clear();
+    for (std::size_t i = 0; i < a.size(); ++i) {
+      const std::string wi = w + ".udp_answers[" + std::to_string(i) + "]";
+      if (!a[i].is_string()) fail(wi, "expected a string");
+      try {
+        out.udpAnswers.push_back(parseUdpAnswer(a[i].get<std::string>()));
+      } catch (const ConfigError& e) {
+        fail(wi, e.what());
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -242,6 +260,21 @@ std::string decodeEscapes(const std::string& text) {
   return out;
 }
 
+UdpAnswer parseUdpAnswer(const std::string& text) {
+  UdpAnswer a;
+  if (text == "-") {
+    a.own = true;
+    return a;
+  }
+  a.bytes = decodeEscapes(text);
+  if (a.bytes.size() > kMaxDatagram) {
+    throw ConfigError(std::to_string(a.bytes.size()) +
+                      " bytes, more than a UDP datagram holds (" +
+                      std::to_string(kMaxDatagram) + ")");
+  }
+  return a;
+}
+
 void checkFaults(const Faults& f) {
   if (f.busy < 0) throw ConfigError("busy: must not be negative");
   if (f.shortSalt < -1 || f.shortSalt > 7) {
@@ -255,6 +288,10 @@ void checkFaults(const Faults& f) {
     throw ConfigError("cut/reset: byte counts must not be negative");
   }
   if (f.padTo < 0) throw ConfigError("pad: must not be negative");
+  if (f.udpAnswers.size() > kMaxUdpAnswers) {
+    throw ConfigError("discovery answers: at most " +
+                      std::to_string(kMaxUdpAnswers) + " datagrams per probe");
+  }
 }
 
 Config parseConfig(const std::string& text) {

@@ -4,6 +4,7 @@
 #define TOVSIM_CONFIG_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -39,6 +40,12 @@ struct UserConfig {
   std::array<unsigned char, 32> key{};  // SHA-256 of the password
 };
 
+// One datagram sent in answer to a discovery probe.
+struct UdpAnswer {
+  bool own = false;   // the answering node's own record
+  std::string bytes;  // otherwise these bytes, exactly
+};
+
 // Misbehaviour on purpose. Negative sizes mean "off".
 struct Faults {
   int busy = 0;          // answer the first N requests with 'k'
@@ -52,6 +59,7 @@ struct Faults {
   long resetAfter = -1;  // send N bytes, then reset the connection
   long padTo = 0;        // pad the reply with filler lines to N bytes
   char onlyLetter = 0;   // reply faults only for this request letter
+  std::vector<UdpAnswer> udpAnswers;  // empty: the node's own answer
 };
 
 // Longest delay or pause, in milliseconds: long enough to hold a client for
@@ -60,6 +68,10 @@ constexpr int kMaxDelayMs = 3600000;
 
 // Largest poll time in seconds: what the record's field can hold.
 constexpr int kMaxPollTime = 2147483647;
+
+// Limits of the discovery answer fault: datagrams per probe, bytes each.
+constexpr std::size_t kMaxUdpAnswers = 64;
+constexpr std::size_t kMaxDatagram = 65507;
 
 struct Config {
   std::string clusterName = "tovsim";
@@ -101,6 +113,11 @@ void checkFaults(const Faults& f);
 // text can carry bytes that JSON or a command line cannot. Throws
 // ConfigError naming the first invalid escape.
 std::string decodeEscapes(const std::string& text);
+
+// One discovery answer as given in the file or on the command line: "-"
+// alone is the node's own answer, anything else is decoded. Throws
+// ConfigError.
+UdpAnswer parseUdpAnswer(const std::string& text);
 
 std::uint32_t crc32(const std::string& bytes);
 

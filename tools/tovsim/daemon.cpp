@@ -209,6 +209,16 @@ std::string Daemon::discoveryAnswer(std::size_t listenIdx) const {
   return out;
 }
 
+std::vector<std::string> Daemon::discoveryAnswers(std::size_t listenIdx) const {
+  const std::vector<UdpAnswer>& fake = cfg_.faults.udpAnswers;
+  if (fake.empty()) return {discoveryAnswer(listenIdx)};
+  std::vector<std::string> out;
+  for (const UdpAnswer& a : fake) {
+    out.push_back(a.own ? discoveryAnswer(listenIdx) : a.bytes);
+  }
+  return out;
+}
+
 Outcome Daemon::handle(const Request& req, const std::string& saltText,
                        std::size_t listenIdx) {
   std::lock_guard<std::mutex> lock(mu_);

@@ -53,6 +53,10 @@ class Daemon {
   // The discovery datagram of the daemon on listen address `listenIdx`.
   std::string discoveryAnswer(std::size_t listenIdx) const;
 
+  // The datagrams that answer one probe, in order: the own answer, or what
+  // the discovery answer fault says.
+  std::vector<std::string> discoveryAnswers(std::size_t listenIdx) const;
+
   // Whether the reply faults apply to this request line.
   bool faultsApply(const std::string& line) const;
 

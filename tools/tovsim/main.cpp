@@ -32,6 +32,7 @@ std::string describeFaults(const tovsim::Faults& f) {
   if (f.resetAfter >= 0) os << " reset-after=" << f.resetAfter;
   if (f.padTo > 0) os << " pad-to=" << f.padTo;
   if (f.onlyLetter != 0) os << " fault-letter=" << f.onlyLetter;
+  if (!f.udpAnswers.empty()) os << " udp-answers=" << f.udpAnswers.size();
   return os.str();
 }
 
@@ -53,6 +54,7 @@ int main(int argc, char** argv) {
   std::size_t maxFrame = 65536;
   tovsim::Faults cli;
   std::string faultLetter;
+  std::vector<std::string> udpAnswers;
   int pollTime = 1;
   bool showVersion = false;
 
@@ -127,6 +129,15 @@ int main(int argc, char** argv) {
   auto* letterOpt =
       g->add_option("--fault-letter", faultLetter,
                     "apply busy and reply faults only to this request letter");
+  // One text per occurrence, so that "-" and texts starting with a dash
+  // (given as --udp-answer=TEXT) are values, not options.
+  auto* udpOpt = g->add_option("--udp-answer", udpAnswers,
+                               "answer every discovery probe with this "
+                               "datagram instead (repeatable, in order; "
+                               "escapes \\n \\r \\t \\\\ \\xNN; "
+                               "'-': the node's own answer)")
+                     ->expected(1)
+                     ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 
   try {
     app.parse(argc, argv);
@@ -164,6 +175,16 @@ int main(int argc, char** argv) {
     if (padOpt->count()) f.padTo = cli.padTo;
     if (letterOpt->count())
       f.onlyLetter = faultLetter.empty() ? 0 : faultLetter[0];
+    if (udpOpt->count()) {
+      f.udpAnswers.clear();
+      for (const std::string& text : udpAnswers) {
+        try {
+          f.udpAnswers.push_back(tovsim::parseUdpAnswer(text));
+        } catch (const tovsim::ConfigError& e) {
+          throw tovsim::ConfigError("--udp-answer: " + std::string(e.what()));
+        }
+      }
+    }
     if (pollOpt->count()) cfg.pollTime = pollTime;
     if (listenOpt->count() == 0) {
       listen = cfg.listen.empty() ? std::vector<std::string>{"127.0.0.1"}

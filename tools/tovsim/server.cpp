@@ -330,15 +330,27 @@ void Server::answerProbe(std::size_t idx) {
                            << "-byte datagram from " << peer);
       continue;
     }
-    const std::string answer = daemon_.discoveryAnswer(idx);
-    if (sendto(udpFds_[idx], answer.data(), answer.size(), 0,
-               reinterpret_cast<sockaddr*>(&ss), len) < 0) {
-      logLine(0, sysError("udp " + opts_.listen[idx] + ": answer to " + peer));
-      continue;
+    // Only ever to the probe's sender: nothing unasked, nothing broadcast.
+    const std::vector<UdpAnswer>& fake = daemon_.config().faults.udpAnswers;
+    const std::vector<std::string> answers = daemon_.discoveryAnswers(idx);
+    for (std::size_t k = 0; k < answers.size(); ++k) {
+      const std::string& answer = answers[k];
+      if (sendto(udpFds_[idx], answer.data(), answer.size(), 0,
+                 reinterpret_cast<sockaddr*>(&ss), len) < 0) {
+        logLine(0,
+                sysError("udp " + opts_.listen[idx] + ": answer to " + peer));
+        break;
+      }
+      std::string which;
+      if (!fake.empty()) {
+        which = ", datagram " + std::to_string(k + 1) + " of " +
+                std::to_string(fake.size()) +
+                (fake[k].own ? ": own answer" : ": given bytes");
+      }
+      TOVSIM_LOG(1, "udp " << opts_.listen[idx] << ": discovery probe from "
+                           << peer << " answered (" << answer.size() << " bytes"
+                           << which << ")");
     }
-    TOVSIM_LOG(1, "udp " << opts_.listen[idx] << ": discovery probe from "
-                         << peer << " answered (" << answer.size()
-                         << " bytes)");
   }
 }
 
