@@ -18,10 +18,11 @@ namespace {
 
 using namespace tov1;
 
+// tovctl's exit status when --deadline ends a command.
+constexpr int kExitDeadline = 98;
+
 Expect ok(const std::string& text = "") { return {0, text}; }
-Expect fails(tov_error_enum code, const std::string& text) {
-  return {static_cast<int>(code), text};
-}
+Expect fails(int code, const std::string& text) { return {code, text}; }
 
 // The one line tovctl prints for a failure; the code's text and name are
 // part of it.
@@ -164,17 +165,16 @@ std::vector<Fault> makeTable() {
   f = Fault{};
   f.name = "busy_forever";
   f.simArgs = {"--busy", "1000000"};
-  f.pollTimeZero = true;
+  f.pollTime = 0;
   f.exchange = ok();
   f.replyStatus = TOV_COMMS_BUSY;
-  // All attempts busy leaves no reply to decode; nothing is said at level 0.
+  // All attempts busy leaves the library no reply to decode; nothing is
+  // said at level 0. tovctl calls it a busy daemon, as for every request.
   f.service = fails(TOV_COMMS_NORESPONSE, "");
-  f.bounce = fails(TOV_COMMS_NORESPONSE,
+  f.bounce = fails(TOV_COMMS_BUSY,
                    line(kBounce,
-                        "daemon did not respond "
-                        "(TOV_COMMS_NORESPONSE, code 18); the daemon "
-                        "may have been busy for all 3 attempt(s) "
-                        "(-a N)"));
+                        "daemon busy (TOV_COMMS_BUSY, code 26); still busy "
+                        "after 3 attempt(s) (-a N)"));
   f.send = fails(TOV_COMMS_BUSY, line(sendOf("B 0"),
                                       "daemon busy (TOV_COMMS_BUSY, code 26); "
                                       "the daemon says \"daemon busy\""));
@@ -195,6 +195,54 @@ std::vector<Fault> makeTable() {
                  line(sendOf("B 0"),
                       "daemon refused or failed the request (TOV_COMMS_FAIL, "
                       "code 22); the daemon says \"authentication failed\""));
+  t.push_back(f);
+
+  // The salt, then neither a reply nor a close: only a deadline ends the
+  // wait, in the middle of reading the reply.
+  const std::string deadline = "deadline of 2 s expired while ";
+  const std::string awaitReply =
+      deadline + "awaiting the reply from {addr}:{port}";
+  f = Fault{};
+  f.name = "salt_then_silence";
+  f.simArgs = {"--reply-delay", "600000"};
+  f.deadline = kDeadlineSec;
+  f.exchange = fails(TOV_SOCK_RECV,
+                     "TOVNet::tovcomms(): recv() command reported an error "
+                     "[Interrupted system call]");
+  f.service = fails(TOV_SVC_INVALID, "[Interrupted system call]");
+  f.bounce = fails(kExitDeadline, line(kReadList, awaitReply));
+  f.send = fails(kExitDeadline, line(sendOf("B 0"), awaitReply));
+  t.push_back(f);
+
+  // A reply streamed one byte a second never ends within a deadline.
+  f = Fault{};
+  f.name = "one_byte_a_second";
+  f.simArgs = {"--pad-to",      "4000", "--chunk",        "1",
+               "--chunk-pause", "1000", "--fault-letter", "B"};
+  f.deadline = kDeadlineSec;
+  f.exchange = fails(TOV_SOCK_RECV, "[Interrupted system call]");
+  f.service = fails(TOV_SOCK_RECV, "[Interrupted system call]");
+  f.bounce = fails(kExitDeadline, line(kBounce, awaitReply));
+  f.send = fails(kExitDeadline, line(sendOf("B 0"), awaitReply));
+  t.push_back(f);
+
+  // A busy daemon announcing a poll time of 68 years: the cache hands the
+  // retry at most a minute, and the deadline ends even that.
+  f = Fault{};
+  f.name = "busy_with_absurd_poll_time";
+  f.simArgs = {"--busy", "1000000"};
+  f.pollTime = 2147483647;
+  f.deadline = kDeadlineSec;
+  f.exchange = ok();
+  f.replyStatus = TOV_COMMS_BUSY;
+  f.service = {kAnyFailure, ""};
+  f.bounce =
+      fails(kExitDeadline,
+            line(kBounce, deadline + "waiting to retry the busy daemon at "
+                                     "{addr}:{port}"));
+  f.send = fails(TOV_COMMS_BUSY, line(sendOf("B 0"),
+                                      "daemon busy (TOV_COMMS_BUSY, code 26); "
+                                      "the daemon says \"daemon busy\""));
   t.push_back(f);
 
   // Nobody answers the connect: refused at once, or never answered at all
@@ -264,12 +312,13 @@ const std::vector<std::string>& blackholeSetup() {
 std::unique_ptr<simtest::SimProcess> startSimulator(const Fault& f) {
   simtest::SimOptions o;
   o.configJson = simtest::defaultConfigJson();
-  if (f.pollTimeZero) {
+  if (f.pollTime != 1) {
     const std::string from = "\"poll_time\": 1";
     const std::size_t at = o.configJson.find(from);
     if (at == std::string::npos)
       throw std::runtime_error("test cluster has no \"poll_time\": 1");
-    o.configJson.replace(at, from.size(), "\"poll_time\": 0");
+    o.configJson.replace(at, from.size(),
+                         "\"poll_time\": " + std::to_string(f.pollTime));
   }
   o.extraArgs = f.simArgs;
   o.maxLifetimeSec = 30;

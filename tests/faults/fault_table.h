@@ -38,11 +38,16 @@ struct Expect {
   std::string text;
 };
 
+// A call cut short by a deadline fails, but where it was blocked when the
+// interruption came decides the code: only the failure is checked.
+constexpr int kAnyFailure = -1;
+
 struct Fault {
   std::string name;  // test name suffix
   Target target = Target::Simulator;
   std::vector<std::string> simArgs;
-  bool pollTimeZero = false;    // cluster poll time 0 instead of 1
+  long long pollTime = 1;       // the cluster's poll time
+  double deadline = 0;          // seconds each call may take (0: none)
   bool wrongPassword = false;   // authenticate with a wrong password
   std::string request = "B 0";  // line for tovcomms and `tovctl send`
   Expect exchange;              // tovNet.tovcomms(request)
@@ -67,6 +72,9 @@ int openDescriptors();
 
 // A loopback port that nothing listens on: bound once, then released.
 int closedPort();
+
+// The deadline of the rows whose daemon never lets go.
+constexpr double kDeadlineSec = 2;
 
 // Time allowed for connect and salt, as the library and tovctl take it.
 constexpr float kTimeoutSec = 0.5f;

@@ -5,11 +5,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "common/deadline.h"
 #include "fault_table.h"
 #include "netns/netns_lab.h"
 #include "support/stream_capture.h"
@@ -25,9 +27,11 @@ struct CallResult {
   bool bufferKept = true;  // the caller's pointer and its bytes unchanged
   std::size_t replyLength = 0;
   int replyStatus = 0;  // decoded reply, as a result code
+  double seconds = 0;   // how long the call took
 };
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(CallResult, result, lastError, err,
-                                   bufferKept, replyLength, replyStatus)
+                                   bufferKept, replyLength, replyStatus,
+                                   seconds)
 
 struct LibraryRun {
   CallResult exchange;
@@ -44,6 +48,22 @@ using namespace tov1;
 using testing::HasSubstr;
 
 using CerrCapture = testsupport::StreamCapture;
+using Clock = std::chrono::steady_clock;
+
+// One call, within the row's deadline when it has one: what a tool does to
+// a daemon that never lets go.
+template <typename Call>
+int timedCall(const Fault& f, double& seconds, Call call) {
+  const auto start = Clock::now();
+  tovtools::Deadline deadline(f.deadline);
+  int result;
+  {
+    tovtools::Deadline::Guard guard(deadline);
+    result = call();
+  }
+  seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return result;
+}
 
 LibraryRun observeLibrary(const Fault& f, const std::string& host,
                           const std::string& port) {
@@ -61,8 +81,9 @@ LibraryRun observeLibrary(const Fault& f, const std::string& host,
   tovDebug.setError(TOV_OK);
   {
     CerrCapture capture;
-    run.exchange.result =
-        tovNet.tovcomms(buffer, host, port, f.request, auth, "");
+    run.exchange.result = timedCall(f, run.exchange.seconds, [&] {
+      return tovNet.tovcomms(buffer, host, port, f.request, auth, "");
+    });
     run.exchange.err = capture.text();
   }
   run.exchange.lastError = tovDebug.getError();
@@ -80,13 +101,16 @@ LibraryRun observeLibrary(const Fault& f, const std::string& host,
     // The service number is checked against the cache entry of the address;
     // without this the entry would be read from port 1195.
     CerrCapture quiet;
-    tovCache.refreshCache(host, port, false);
+    double ignored;
+    timedCall(f, ignored,
+              [&] { return tovCache.refreshCache(host, port, false); });
   }
   tovDebug.setError(TOV_OK);
   {
     CerrCapture capture;
-    run.service.result =
-        tovNet.serviceCommand(host, port, "B", auth, 0, kAttempts, "");
+    run.service.result = timedCall(f, run.service.seconds, [&] {
+      return tovNet.serviceCommand(host, port, "B", auth, 0, kAttempts, "");
+    });
     run.service.err = capture.text();
   }
   run.service.lastError = tovDebug.getError();
@@ -97,8 +121,16 @@ LibraryRun observeLibrary(const Fault& f, const std::string& host,
 }
 
 void expectCall(const char* what, const CallResult& got, const Expect& want,
-                const std::string& host, const std::string& port) {
+                const Fault& f, const std::string& host,
+                const std::string& port) {
   SCOPED_TRACE(what);
+  if (f.deadline > 0) {
+    EXPECT_LT(got.seconds, f.deadline + 1);
+  }
+  if (want.code == kAnyFailure) {
+    EXPECT_LT(got.result, 0);
+    return;
+  }
   EXPECT_EQ(got.result, -want.code);
   EXPECT_EQ(got.lastError, want.code);
   if (want.text.empty()) {
@@ -129,7 +161,7 @@ TEST_P(LibrarySide, GivesTheRowsCodeAndMessage) {
 
   EXPECT_EQ(run.fdsAfter, run.fdsBefore) << "descriptors leaked";
 
-  expectCall("tovcomms", run.exchange, f.exchange, host, port);
+  expectCall("tovcomms", run.exchange, f.exchange, f, host, port);
   if (f.exchange.code != 0) {
     EXPECT_TRUE(run.exchange.bufferKept) << "buffer changed on failure";
   } else {
@@ -139,7 +171,45 @@ TEST_P(LibrarySide, GivesTheRowsCodeAndMessage) {
       EXPECT_EQ(run.exchange.replyLength, f.replyLength);
     }
   }
-  expectCall("serviceCommand", run.service, f.service, host, port);
+  expectCall("serviceCommand", run.service, f.service, f, host, port);
+}
+
+// A deadline ends a call through the library's own failure path: the socket
+// is closed, the process's streams and the client's settings are intact, and
+// the next call in the same process works.
+TEST(LibraryAfterADeadline, StaysUsableInTheSameProcess) {
+  Fault stall;
+  stall.simArgs = {"--reply-delay", "600000"};
+  stall.deadline = 1;
+  auto silent = startSimulator(stall);
+  auto healthy = startSimulator(Fault{});
+  tovDebug.setDebugLevel(0);
+  tovNet.setTimeout(kTimeoutSec);
+  const int fdsBefore = openDescriptors();
+  for (int round = 0; round < 2; ++round) {
+    char* reply = nullptr;
+    double seconds = 0;
+    {
+      CerrCapture quiet;
+      EXPECT_EQ(timedCall(stall, seconds,
+                          [&] {
+                            return tovNet.tovcomms(reply, "127.0.0.1",
+                                                   silent->portStr(), "V 0", {},
+                                                   "");
+                          }),
+                -static_cast<int>(TOV_SOCK_RECV));
+    }
+    EXPECT_LT(seconds, 2);
+    EXPECT_EQ(reply, nullptr);
+    EXPECT_EQ(openDescriptors(), fdsBefore);
+    EXPECT_TRUE(std::cerr.good());
+    EXPECT_EQ(
+        tovNet.tovcomms(reply, "127.0.0.1", healthy->portStr(), "V 0", {}, ""),
+        0);
+    ASSERT_NE(reply, nullptr);
+    EXPECT_EQ(std::string(reply, 2), "Vn");
+    delete[] reply;
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, LibrarySide, testing::ValuesIn(faultTable()),

@@ -3,6 +3,7 @@
 // the one error line checked.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,12 +11,14 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "common/deadline.h"
 #include "fault_table.h"
 #include "netns/netns_lab.h"
 #include "tovctl/run_tool.h"
 
 namespace tovctltest {
-NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Outcome, status, out, err)
+NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(Outcome, status, signal, out, err, seconds,
+                                   echoOn)
 }  // namespace tovctltest
 
 namespace faults {
@@ -36,6 +39,9 @@ class ToolSide : public testing::TestWithParam<Fault> {
     dir_ = templ;
     std::ofstream(dir_ + "/good") << "secret\n";
     std::ofstream(dir_ + "/bad") << "not-the-password\n";
+    // tovctl refuses a password file that others may read.
+    chmod((dir_ + "/good").c_str(), 0600);
+    chmod((dir_ + "/bad").c_str(), 0600);
   }
   static void TearDownTestSuite() {
     std::remove((dir_ + "/good").c_str());
@@ -47,7 +53,7 @@ class ToolSide : public testing::TestWithParam<Fault> {
   static std::pair<Outcome, Outcome> runBoth(const Fault& f,
                                              const std::string& host,
                                              const std::string& port) {
-    const std::vector<std::string> common{
+    std::vector<std::string> common{
         "-H",
         host,
         "-p",
@@ -60,6 +66,10 @@ class ToolSide : public testing::TestWithParam<Fault> {
         "admin",
         "--password-file",
         dir_ + (f.wrongPassword ? "/bad" : "/good")};
+    if (f.deadline > 0) {
+      common.insert(common.end(),
+                    {"--deadline", tovtools::secondsText(f.deadline)});
+    }
     std::vector<std::string> bounce = common;
     bounce.insert(bounce.end(), {"bounce", "web"});
     std::vector<std::string> send = common;
@@ -73,8 +83,12 @@ class ToolSide : public testing::TestWithParam<Fault> {
 std::string ToolSide::dir_;
 
 void expectTool(const char* what, const Outcome& got, const Expect& want,
-                const std::string& host, const std::string& port) {
+                const Fault& f, const std::string& host,
+                const std::string& port) {
   SCOPED_TRACE(what);
+  if (f.deadline > 0) {
+    EXPECT_LT(got.seconds, f.deadline + 1);
+  }
   EXPECT_EQ(got.status, want.code) << got.err;
   const std::string text = fill(want.text, host, port);
   if (want.code == 0) {
@@ -106,8 +120,8 @@ TEST_P(ToolSide, ExitsWithTheRowsStatusAndLine) {
     GTEST_SKIP() << skip;
 
   EXPECT_EQ(openDescriptors(), fdsBefore) << "descriptors leaked";
-  expectTool("tovctl bounce web", got.first, f.bounce, host, port);
-  expectTool("tovctl send", got.second, f.send, host, port);
+  expectTool("tovctl bounce web", got.first, f.bounce, f, host, port);
+  expectTool("tovctl send", got.second, f.send, f, host, port);
   if (f.send.code == 0 && f.replyLength != 0) {
     // The reply as received, plus a line end where it had none.
     EXPECT_GE(got.second.out.size(), f.replyLength);

@@ -167,20 +167,20 @@ TEST_F(Hostile, DiscoverySkipsOnlyTheMalformedAnswer) {
       "C caf\\xe9\\x1b[2J 1 0 cafecafe -1 0 0 1 0 0 m2 d2\\nN n2 127.0.3.9 4";
   simtest::SimOptions o;
   o.configJson = simtest::defaultConfigJson();
-  o.listen = {"127.0.3.1"};
+  o.listen = {"127.0.3.2"};
   o.udpPort = 1195;
   o.maxLifetimeSec = 60;
   o.extraArgs = {"--udp-answer", "-", "--udp-answer", bad, "--udp-answer", odd};
   try {
     sim_ = std::make_unique<simtest::SimProcess>(o);
   } catch (const std::exception& e) {
-    GTEST_SKIP() << "UDP port 1195 on 127.0.3.1 is not available: " << e.what();
+    GTEST_SKIP() << "UDP port 1195 on 127.0.3.2 is not available: " << e.what();
   }
   const std::string warning =
-      "tovctl: warning: skipped the answer from 127.0.3.1: node line 1 of "
+      "tovctl: warning: skipped the answer from 127.0.3.2: node line 1 of "
       "cluster broken has 2 field(s), at least 3 needed";
 
-  Outcome r = runTovctl({"discover", "127.0.3.1"});
+  Outcome r = runTovctl({"discover", "127.0.3.2"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(linesOf(r.err), std::vector<std::string>{warning});
   EXPECT_THAT(r.out, HasSubstr(" Cluster Name : testcluster\n"));
@@ -188,21 +188,21 @@ TEST_F(Hostile, DiscoverySkipsOnlyTheMalformedAnswer) {
   EXPECT_THAT(r.out, HasSubstr("  [1] n2 [127.0.3.9]"));
   EXPECT_THAT(r.out, HasSubstr(" Found 2 cluster(s)\n"));
 
-  r = runTovctl({"discover", "127.0.3.1"}, atTerminal());
+  r = runTovctl({"discover", "127.0.3.2"}, atTerminal());
   EXPECT_EQ(r.status, 0);
   EXPECT_THAT(r.out, HasSubstr(" Cluster Name : caf\\xe9\\x1b[2J"));
   EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << "raw escape shown";
 
-  r = runTovctl({"--json", "discover", "127.0.3.1"});
+  r = runTovctl({"--json", "discover", "127.0.3.2"});
   EXPECT_EQ(r.status, 0);
   const json j = json::parse(r.out);
   EXPECT_EQ(j["count"], 2);
   EXPECT_EQ(j["clusters"][1]["name"], "caf\xEF\xBF\xBD\x1b[2J");
-  EXPECT_EQ(j["clusters"][1]["sender"], "127.0.3.1");
-  EXPECT_EQ(j["skipped"][0]["sender"], "127.0.3.1");
+  EXPECT_EQ(j["clusters"][1]["sender"], "127.0.3.2");
+  EXPECT_EQ(j["skipped"][0]["sender"], "127.0.3.2");
 
   // The library's raw report: every line as it came, the short one too.
-  r = runTovctl({"discover", "--raw", "127.0.3.1"});
+  r = runTovctl({"discover", "--raw", "127.0.3.2"});
   EXPECT_EQ(r.status, 0);
   EXPECT_THAT(r.out, HasSubstr("\n\nC broken 1 0 deadbeef -1 0 0 1 0 0 m1 d1\n"
                                "N shortnode\n"));
