@@ -3,13 +3,17 @@
 # loopback. Usage: scripts/demo.sh BUILD_DIR
 # Nothing leaves the machine: discovery is aimed at 127.0.0.1, never
 # broadcast, and the simulator stops when the demo ends.
+# A step that should succeed and fails ends the demo with a message naming
+# it, and a non-zero status. TOVCTL and TOVSIM may name other binaries;
+# TOVDEMO_PORT=0 lets the kernel pick the TCP port.
 set -euo pipefail
 build=${1:-build}
 root=$(cd "$(dirname "$0")/.." && pwd)
-tovctl=$build/tools/tovctl/tovctl
-tovsim=$build/tools/tovsim/tovsim
+tovctl=${TOVCTL:-$build/tools/tovctl/tovctl}
+tovsim=${TOVSIM:-$build/tools/tovsim/tovsim}
 work=$(mktemp -d)
 sim_pid=
+step=
 finish() {
   if [[ -n $sim_pid ]] && kill -0 "$sim_pid" 2>/dev/null; then
     kill "$sim_pid"
@@ -20,20 +24,58 @@ finish() {
 trap finish EXIT
 
 if [[ -t 1 ]]; then bold=$'\033[1m' plain=$'\033[0m'; else bold= plain=; fi
-say() { printf '\n%s==> %s%s\n' "$bold" "$*" "$plain"; }
-run() { printf '$ %s\n' "tovctl ${*}"; "$tovctl" "$@" || true; }
+die() {
+  printf 'demo: %s\n' "$*" >&2
+  exit 1
+}
+say() {
+  step=$*
+  printf '\n%s==> %s%s\n' "$bold" "$*" "$plain"
+}
+# A command that must succeed.
+run() {
+  printf '$ %s\n' "tovctl ${*}"
+  local status=0
+  "$tovctl" "$@" || status=$?
+  ((status == 0)) || die "step \"$step\" failed: tovctl $* exited with status $status"
+}
+# A command that must be refused with the given status.
+refused() {
+  local want=$1
+  shift
+  printf '$ %s\n' "tovctl ${*}"
+  local status=0
+  "$tovctl" "$@" || status=$?
+  ((status == want)) ||
+    die "step \"$step\": tovctl $* exited with status $status, not $want"
+}
 
-# Discovery always uses UDP port 1195; the TCP side uses it too when free.
-port=1195
-if (exec 3<>/dev/tcp/127.0.0.1/1195) 2>/dev/null; then port=0; fi
+# Discovery always uses UDP port 1195, and another program holding it would
+# answer in our place or keep the simulator from starting: stop at once.
+taken=$(ss -Hlun 'sport = :1195' 2>/dev/null || true)
+[[ -z $taken ]] || die "UDP port 1195, which discovery needs, is in use:
+$taken
+stop that program (or the earlier demo) and run make demo again"
+# The TCP side uses 1195 too when it is free, else a port the kernel picks.
+port=${TOVDEMO_PORT:-1195}
+if [[ $port == 1195 ]] && [[ -n $(ss -Hltn 'sport = :1195' 2>/dev/null) ]]; then
+  port=0
+fi
 
 say "Starting the simulator: cluster 'democluster', nodes 127.0.0.1-3"
 "$tovsim" --config "$root/examples/tovsim-demo.json" --port "$port" \
   --udp-port 1195 --max-lifetime 300 --ready-file "$work/ready" \
   2>"$work/sim.log" &
 sim_pid=$!
-for _ in $(seq 200); do [[ -s $work/ready ]] && break; sleep 0.05; done
-[[ -s $work/ready ]] || { cat "$work/sim.log"; exit 1; }
+for _ in $(seq 200); do
+  [[ -s $work/ready ]] && break
+  kill -0 "$sim_pid" 2>/dev/null || break
+  sleep 0.05
+done
+if [[ ! -s $work/ready ]]; then
+  cat "$work/sim.log" >&2
+  die "step \"$step\" failed: the simulator did not start (its log is above)"
+fi
 port=$(cat "$work/ready")
 echo "listening on TCP port $port, discovery on UDP port 1195"
 
@@ -41,7 +83,7 @@ printf 'demo-password\n' >"$work/password"
 printf 'not-the-password\n' >"$work/wrong"
 chmod 600 "$work/password" "$work/wrong"
 auth=(-u demo --password-file "$work/password")
-at=(-H 127.0.0.1 -p "$port")
+at=(-H "127.0.0.1:$port" --deadline 10)
 
 say "Discovering the cluster at 127.0.0.1 (2.5 seconds of listening)"
 run discover 127.0.0.1
@@ -64,9 +106,19 @@ say "Starting 'db' again (automatic mode)"
 run "${at[@]}" "${auth[@]}" start db
 run "${at[@]}" services
 
-say "A wrong password is refused, and nothing changes"
-run "${at[@]}" -u demo --password-file "$work/wrong" stop web
+say "A wrong password is refused (status 22), and nothing changes"
+refused 22 "${at[@]}" -u demo --password-file "$work/wrong" stop web
 run "${at[@]}" services
+
+say "A daemon that sends its salt and then stalls: the deadline ends the wait (status 98)"
+"$tovsim" --port 0 --udp-port 0 --reply-delay 600000 --max-lifetime 30 \
+  --ready-file "$work/stalled" 2>/dev/null &
+stalled_pid=$!
+for _ in $(seq 200); do [[ -s $work/stalled ]] && break; sleep 0.05; done
+[[ -s $work/stalled ]] || die "step \"$step\" failed: the stalling simulator did not start"
+refused 98 -H "127.0.0.1:$(cat "$work/stalled")" --deadline 2 services
+kill "$stalled_pid"
+wait "$stalled_pid" 2>/dev/null || true
 
 say "Stopping the simulator"
 kill "$sim_pid"
