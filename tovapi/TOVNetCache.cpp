@@ -114,6 +114,12 @@ bool addressText(const sockaddr* sa, char* out, socklen_t size) {
   return inet_ntop(sa->sa_family, raw, out, size) != nullptr;
 }
 
+// Longest poll time the cache acts on, in seconds. A minute covers the poll
+// interval of any real cluster; a daemon announcing more (2147483647 would
+// be 68 years) must neither put a busy retry to sleep for ever nor keep
+// stale information.
+const int kMaxPollTime = 60;
+
 bool sameName(const std::string& a, const std::string& b) {
   if (a.size() != b.size()) return false;
   for (std::string::size_type i = 0; i < a.size(); ++i) {
@@ -279,6 +285,7 @@ int TOVNetCache::read_tov(std::string address, std::string port,
             tovInfoGetValue(address, tovInfo_C, 0, c_poll_time), poll) ||
         poll < 0)
       poll = 0;
+    if (poll > kMaxPollTime) poll = kMaxPollTime;
     std::time_t age = current - known->second.updated;
     if (age >= 0 && age < poll) {
       trace(2, "TOVNetCache::refreshCache(): information of " + address +
@@ -350,6 +357,11 @@ int TOVNetCache::getPollTime(std::string address) {
     trace(1, "TOVNetCache::getPollTime(): no poll time for " + address +
                  ", using 1 second");
     poll = 1;
+  } else if (poll > kMaxPollTime) {
+    trace(1, "TOVNetCache::getPollTime(): poll time " + std::to_string(poll) +
+                 " of " + address + " exceeds " + std::to_string(kMaxPollTime) +
+                 " seconds, using " + std::to_string(kMaxPollTime));
+    poll = kMaxPollTime;
   }
   PollTime = poll;
   return poll;

@@ -277,7 +277,7 @@ TEST_F(InfoCache, LookupsOnCachedData) {
 
   EXPECT_EQ(tovCache.getHostnameForNode("127.0.0.2"), "node2");
   EXPECT_EQ(tovCache.getHostnameForNode(""), "node1");
-  EXPECT_EQ(tovCache.getPollTime(a), 3600);
+  EXPECT_EQ(tovCache.getPollTime(a), 60) << "a busy retry waits a minute";
 
   // Out of range anywhere: empty answers, never a crash.
   const auto badKind = static_cast<tov_info_letters>(99);
@@ -324,16 +324,36 @@ TEST_F(InfoCache, RememberedPortOutlivesClearCache) {
   EXPECT_EQ(daemon.requests(), 2);
 }
 
-TEST_F(InfoCache, UnusablePollTimeWaitsOneSecond) {
-  for (const char* poll : {"-4", "soon"}) {
-    LoopbackDaemon daemon(infoReply(poll));
+TEST_F(InfoCache, PollTimeForWaitingIsOneSecondToOneMinute) {
+  const struct {
+    const char* announced;
+    int forWaiting, field;
+    int requestsAfterSecondRefresh;  // 2: unusable, always stale
+  } cases[] = {
+      {"-4", 1, -4, 2},
+      {"soon", 1, -1, 2},
+      {"61", 60, 61, 1},
+      {"2147483647", 60, 2147483647, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.announced);
+    LoopbackDaemon daemon(infoReply(c.announced));
     ASSERT_TRUE(daemon.ok());
     ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
-    EXPECT_EQ(tovCache.getPollTime("127.0.0.1"), 1) << poll;
-    EXPECT_EQ(tovCluster.getPollTime("127.0.0.1"), poll[0] == '-' ? -4 : -1);
-    // Unusable poll time: every refresh fetches.
+    std::string traces;
+    {
+      CerrCapture cerr;
+      tovDebug.setDebugLevel(1);
+      EXPECT_EQ(tovCache.getPollTime("127.0.0.1"), c.forWaiting);
+      tovDebug.setDebugLevel(0);
+      traces = cerr.text();
+    }
+    EXPECT_NE(traces.find(c.forWaiting == 60 ? c.announced : "using 1 second"),
+              std::string::npos)
+        << traces;
+    EXPECT_EQ(tovCluster.getPollTime("127.0.0.1"), c.field);
     ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-    EXPECT_EQ(daemon.requests(), 2);
+    EXPECT_EQ(daemon.requests(), c.requestsAfterSecondRefresh);
   }
 }
 
