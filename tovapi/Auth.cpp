@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "internal_secrets.h"
 #include "libtovapi.h"
 
 namespace tov1 {
@@ -106,6 +107,8 @@ std::string Auth::generateAuthline(std::vector<std::string> authvec,
     tovDebug.setError(TOV_AUTH_GENDIGEST);
     return "";
   }
+  // A vector built without genObject still holds a usable key.
+  secrets::remember(authvec[1]);
   std::string key = fromHex(authvec[1]);
   std::string message = binsalt + command;
   unsigned char mac[EVP_MAX_MD_SIZE];
@@ -159,7 +162,11 @@ std::string Auth::getPwdDigest(std::string password) {
     tovDebug.setError(TOV_AUTH_GENDIGEST);
     return "";
   }
-  return toHex(md, length);
+  std::string digest = toHex(md, length);
+  // The digest is the key of every authentication line: as good as the
+  // password itself, so diagnostics must never show it.
+  secrets::remember(digest);
+  return digest;
 }
 
 std::string Auth::msgHexDigest(unsigned* words) {
@@ -220,9 +227,11 @@ std::vector<std::string> Auth::genObject(std::string user, std::string password,
     tovDebug.setError(TOV_AUTH_GENDIGEST);
     return {user};
   }
+  secrets::remember(digest);
   for (char& c : digest) {
     if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
   }
+  secrets::remember(digest);
   return {user, digest};
 }
 

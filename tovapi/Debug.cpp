@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include "internal_secrets.h"
 #include "libtovapi.h"
 
 namespace {
@@ -161,6 +162,15 @@ void show(const std::string& line) {
   std::cerr << line << std::flush;
 }
 
+// Blanks remembered password digests unless the user asked to see them
+// (TOVAPI_SHOW_SECRETS=1). Nothing to do, and no lock taken, while none is
+// remembered.
+void hideSecrets(std::string& text) {
+  if (tov1::secrets::any() && !tov1::secrets::shown()) {
+    tov1::secrets::redact(text);
+  }
+}
+
 }  // namespace
 
 namespace tov1 {
@@ -184,6 +194,20 @@ void logLine(std::ofstream& log, char kind, const std::string& line) {
   if (!logAlive || !log.is_open()) return;
   log << tovUtils::getTimeStr(std::time(nullptr)) << ' ' << kind << ' ' << line
       << std::flush;
+}
+
+// Shows one line (ending in a line feed) on standard error and appends it to
+// `log` unless that is null, with secrets blanked in both.
+void emit(Debug& debug, std::ofstream* log, char kind, std::string location,
+          std::string text) {
+  hideSecrets(location);
+  hideSecrets(text);
+  show(debug.getTraceStr(kind, location) + text);
+  if (log == nullptr) return;
+  if (kind == 'T')
+    logLine(*log, 'T', text);
+  else
+    logLine(*log, 'E', plainPrefix(location) + text);
 }
 
 }  // namespace
@@ -225,8 +249,7 @@ void Debug::write(std::ostream& os) {
   std::string text;
   if (!streamText(os, text) || text.empty()) return;
   endLine(text);
-  show(getTraceStr('T', "") + text);
-  logLine(logfile, 'T', text);
+  emit(*this, &logfile, 'T', "", text);
 }
 
 void Debug::error(std::string location, std::ostream& os) {
@@ -235,15 +258,13 @@ void Debug::error(std::string location, std::ostream& os) {
     text = "(message not readable: not a string stream)";
   }
   endLine(text);
-  show(getTraceStr('E', location) + text);
-  logLine(logfile, 'E', plainPrefix(location) + text);
+  emit(*this, &logfile, 'E', location, text);
 }
 
 void Debug::except(std::string location, std::exception& e) {
   std::string text = e.what();
   endLine(text);
-  show(getTraceStr('E', location) + text);
-  logLine(logfile, 'E', plainPrefix(location) + text);
+  emit(*this, &logfile, 'E', location, text);
 }
 
 std::string Debug::tovErrorString(tov_error_enum code) {

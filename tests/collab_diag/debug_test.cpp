@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "capture.h"
+#include "tovapi/internal_secrets.h"
 #include "tovapi/libtovapi.h"
 
 namespace {
@@ -178,7 +179,15 @@ class DebugLogTest : public DebugTest {
   }
   void TearDown() override {
     unsetenv("TOVAPI_LOG");
+    unsetenv("TOVAPI_SHOW_SECRETS");
+    tov1::secrets::forgetAll();
     std::remove(path_.c_str());
+  }
+  // Log lines without their time stamps.
+  std::vector<std::string> loggedTexts() {
+    std::vector<std::string> texts;
+    for (const std::string& line : logLines()) texts.push_back(line.substr(20));
+    return texts;
   }
   std::vector<std::string> logLines() {
     std::ifstream in(path_);
@@ -219,6 +228,67 @@ TEST_F(DebugLogTest, ShownLinesAreAppendedUncolouredWithTimestamp) {
   EXPECT_TRUE(std::regex_match(
       lines[2], std::regex(stamp + R"(E Part::op\(\): went wrong)")))
       << lines[2];
+}
+
+// The authentication helper remembers the password digests it produces;
+// anyone who reads one can command the daemon.
+TEST_F(DebugLogTest, RememberedSecretsAreBlankedInShownAndLoggedLines) {
+  const std::string digest =
+      "2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b";
+  tov1::secrets::remember(digest);
+  tov1::secrets::remember("admin");  // too short to be blanked
+  setenv("TOVAPI_LOG", path_.c_str(), 1);
+  Debug local;
+  const struct {
+    unsigned level;
+    const char* showSecrets;  // TOVAPI_SHOW_SECRETS, nullptr: unset
+    bool blanked;
+  } cases[] = {
+      {1, nullptr, true}, {2, nullptr, true}, {3, nullptr, true},
+      {3, "yes", true},   {3, "1", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.level) + "/" +
+                 (c.showSecrets ? c.showSecrets : "unset"));
+    if (c.showSecrets)
+      setenv("TOVAPI_SHOW_SECRETS", c.showSecrets, 1);
+    else
+      unsetenv("TOVAPI_SHOW_SECRETS");
+    tovDebug.setDebugLevel(c.level);
+    std::ofstream(path_, std::ios::trunc).flush();  // the log appends
+
+    std::ostringstream trace, failure;
+    trace << "authvec  = admin, " << digest << "\n";
+    failure << "key " << digest << digest << "\n";
+    std::runtime_error e("digest " + digest);
+    CerrCapture cap;
+    local.write(trace);
+    local.error("Auth()", failure);
+    local.except("Auth()", e);
+
+    const std::string d = c.blanked ? tov1::secrets::kRedacted : digest;
+    EXPECT_EQ(cap.text(), "authvec  = admin, " + d + "\nAuth(): key " + d + d +
+                              "\nAuth(): digest " + d + "\n");
+    EXPECT_EQ(loggedTexts(),
+              (std::vector<std::string>{"T authvec  = admin, " + d,
+                                        "E Auth(): key " + d + d,
+                                        "E Auth(): digest " + d}));
+  }
+}
+
+TEST(Secrets, TheLatestDistinctValuesAreKept) {
+  tov1::secrets::forgetAll();
+  EXPECT_FALSE(tov1::secrets::any());
+  auto value = [](int i) { return "secret-value-" + std::to_string(1000 + i); };
+  for (int i = 0; i <= static_cast<int>(tov1::secrets::kCapacity); ++i) {
+    tov1::secrets::remember(value(i));
+    tov1::secrets::remember(value(1));  // refreshed: outlives value(0)
+  }
+  std::string text = value(0) + " " + value(1) + " " + value(64);
+  EXPECT_TRUE(tov1::secrets::redact(text));
+  EXPECT_EQ(text, value(0) + " <redacted> <redacted>");
+  tov1::secrets::forgetAll();
+  EXPECT_FALSE(tov1::secrets::redact(text));
 }
 
 TEST_F(DebugLogTest, UnopenableLogIsReportedAndIgnored) {

@@ -4,11 +4,13 @@
 #include <openssl/hmac.h>
 #include <openssl/sha.h>
 
+#include <functional>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tovapi/internal_secrets.h"
 #include "tovapi/libtovapi.h"
 
 using tov1::tovAuth;
@@ -83,6 +85,51 @@ TEST(Authentication, GenObjectBuildsUserAndDigest) {
             (std::vector<std::string>{"ops"}));
   EXPECT_EQ(tovDebug.getError(), tov1::TOV_AUTH_GENDIGEST);
   EXPECT_NE(console.err().find("Auth::genObject()"), std::string::npos);
+}
+
+// A password digest is the key of every authentication line: whatever way
+// Auth produces or receives one, traces show it blanked. The authentication
+// line itself is no key and is shown.
+TEST(Authentication, DigestsAreBlankedInTraces) {
+  const std::string given =
+      "ABCDEF0123456789abcdef0123456789ABCDEF0123456789abcdef0123456789";
+  std::string lower = given;
+  for (char& c : lower) c = static_cast<char>(std::tolower(c));
+  const struct {
+    const char* name;
+    std::function<std::string()> produce;  // the value a trace shows
+  } cases[] = {
+      {"getPwdDigest", [] { return tovAuth.getPwdDigest("secret"); }},
+      {"getAdminHash", [] { return tovAuth.getAdminHash("other"); }},
+      {"genObject", [] { return tovAuth.genObject("ops", "pw", "")[1]; }},
+      {"given digest", [&] { return tovAuth.genObject("ops", "", given)[1]; }},
+      {"given, as typed",
+       [&] {
+         tovAuth.genObject("ops", "", given);
+         return given;
+       }},
+      {"authline",
+       [&] {
+         return tovAuth.generateAuthline({"ops", lower}, "salt", "B 1")
+             .substr(4);
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    tov1::secrets::forgetAll();
+    const std::string value = c.produce();
+    ASSERT_EQ(value.size(), 64u);
+    std::ostringstream trace;
+    trace << "authvec  = ops, " << value << "\n";
+    Console console("");
+    tovDebug.setDebugLevel(3);
+    tovDebug.write(trace);
+    tovDebug.setDebugLevel(0);
+    const bool isKey = std::string(c.name) != "authline";
+    EXPECT_EQ(console.err().find(value) == std::string::npos, isKey);
+    EXPECT_EQ(console.err().find("<redacted>") != std::string::npos, isKey);
+  }
+  tov1::secrets::forgetAll();
 }
 
 TEST(Authentication, GetBinDecodesHexSaltAndKeepsAnythingElse) {
