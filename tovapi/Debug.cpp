@@ -1,9 +1,14 @@
 // Diagnostics of the library: debug level, last result code, trace and error
 // lines on standard error, and an optional append-only log file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iomanip>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -210,6 +215,17 @@ void emit(Debug& debug, std::ofstream* log, char kind, std::string location,
     logLine(*log, 'E', plainPrefix(location) + text);
 }
 
+// The stream opens its own descriptor, without close-on-exec. It gets the
+// lowest free number, which is the one just released; marked when it still
+// names the same file, so that programs started later do not inherit the log.
+void closeOnExec(int fd, const struct stat& file) {
+  struct stat now {};
+  if (fstat(fd, &now) == 0 && now.st_dev == file.st_dev &&
+      now.st_ino == file.st_ino) {
+    fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+  }
+}
+
 }  // namespace
 
 Debug::Debug() { _initialChecks(); }
@@ -217,13 +233,34 @@ Debug::Debug() { _initialChecks(); }
 void Debug::_initialChecks() {
   const char* path = std::getenv("TOVAPI_LOG");
   if (path == nullptr || *path == '\0') return;
-  logfile.open(path, std::ios::out | std::ios::app);
+  const char* const where = "Debug::_initialChecks()";
+  // Created for the owner only: lines name hosts and show requests.
+  const int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  int err = errno;
+  struct stat file {};
+  if (fd >= 0) {
+    if (fstat(fd, &file) != 0) file = {};
+    ::close(fd);
+    logfile.open(path, std::ios::out | std::ios::app);
+    err = errno;
+  }
   if (!logfile.is_open()) {
-    int err = errno;
     std::ostringstream os;
     os << "cannot open log file \"" << path << "\" named by TOVAPI_LOG ["
        << std::strerror(err) << "]\n";
-    show(plainPrefix("Debug::_initialChecks()") + os.str());
+    emit(*this, nullptr, 'E', where, os.str());
+    return;
+  }
+  closeOnExec(fd, file);
+  const mode_t others = S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
+  if ((file.st_mode & others) != 0) {
+    std::ostringstream os;
+    os << "log file \"" << path << "\" named by TOVAPI_LOG is "
+       << ((file.st_mode & (S_IRGRP | S_IROTH)) != 0 ? "readable" : "writable")
+       << " by others (mode " << std::oct << std::setw(4) << std::setfill('0')
+       << (file.st_mode & 07777) << std::dec
+       << "); its lines may show host names and requests\n";
+    emit(*this, nullptr, 'W', where, os.str());
   }
 }
 

@@ -1,5 +1,7 @@
 // Diagnostics object: result codes, debug level, where lines go and how they
 // look, and the log file.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
@@ -289,6 +291,67 @@ TEST(Secrets, TheLatestDistinctValuesAreKept) {
   EXPECT_EQ(text, value(0) + " <redacted> <redacted>");
   tov1::secrets::forgetAll();
   EXPECT_FALSE(tov1::secrets::redact(text));
+}
+
+// Whether every descriptor of this process open on `file` is close-on-exec.
+bool logClosedOnExec(const struct stat& file) {
+  bool seen = false;
+  for (int fd = 0; fd < 1024; ++fd) {
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || st.st_ino != file.st_ino ||
+        st.st_dev != file.st_dev)
+      continue;
+    seen = true;
+    if ((fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) return false;
+  }
+  return seen;
+}
+
+// Log lines name hosts and show requests: the file is the owner's alone.
+TEST_F(DebugLogTest, LogIsCreatedForTheOwnerAndAnOpenOneIsReported) {
+  const mode_t oldMask = umask(0);
+  const struct {
+    int existing;  // -1: no file yet
+    mode_t after;
+    const char* warning;  // nullptr: none
+  } cases[] = {
+      {-1, 0600, nullptr},
+      {0600, 0600, nullptr},
+      {0644, 0644, "is readable by others (mode 0644)"},
+      {0620, 0620, "is writable by others (mode 0620)"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.existing);
+    std::remove(path_.c_str());
+    if (c.existing >= 0) {
+      const int fd = open(path_.c_str(), O_CREAT | O_WRONLY, 0600);
+      ASSERT_GE(fd, 0);
+      ASSERT_EQ(fchmod(fd, static_cast<mode_t>(c.existing)), 0);
+      close(fd);
+    }
+    setenv("TOVAPI_LOG", path_.c_str(), 1);
+    CerrCapture cap;
+    Debug local;
+    std::ostringstream os;
+    os << "still logged\n";
+    local.error("Here()", os);
+
+    struct stat st {};
+    ASSERT_EQ(stat(path_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, c.after);
+    EXPECT_TRUE(logClosedOnExec(st)) << "programs started later inherit it";
+    if (c.warning) {
+      EXPECT_EQ(cap.text().find("Debug::_initialChecks(): log file \"" + path_ +
+                                "\" named by TOVAPI_LOG " + c.warning),
+                0u)
+          << cap.text();
+    } else {
+      EXPECT_EQ(cap.text(), "Here(): still logged\n");
+    }
+    EXPECT_EQ(loggedTexts(),
+              std::vector<std::string>{"E Here(): still logged"});
+  }
+  umask(oldMask);
 }
 
 TEST_F(DebugLogTest, UnopenableLogIsReportedAndIgnored) {
