@@ -6,7 +6,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -67,27 +70,141 @@ void reportError(const char* location, const std::string& message) {
   tovDebug.error(location, ss);
 }
 
-// Restores the terminal's echo however the password read ends.
-class EchoOff {
+// A password prompt on a terminal. While the typing is hidden, the signals
+// that end a process from the keyboard or the session are caught first: the
+// handler puts the terminal and the previous dispositions back and raises
+// the signal again, so that the process ends as it would have, but with its
+// terminal echoing. A stop (SIGTSTP) is treated the same way; when the
+// process continues, the typing is hidden again and the prompt shown anew.
+// The handler reaches its data through globals, so there is one prompt at a
+// time (promptLock).
+const int kPromptSignals[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGTSTP};
+constexpr std::size_t kPromptSignalCount =
+    sizeof kPromptSignals / sizeof kPromptSignals[0];
+
+std::mutex promptLock;
+int promptFd = -1;
+termios promptSaved{};
+struct sigaction promptOld[kPromptSignalCount];
+bool promptCaught[kPromptSignalCount];
+volatile std::sig_atomic_t promptSignal = 0;
+
+void restoreDispositions() {
+  for (std::size_t i = 0; i < kPromptSignalCount; ++i) {
+    if (promptCaught[i]) sigaction(kPromptSignals[i], &promptOld[i], nullptr);
+  }
+}
+
+extern "C" void onPromptSignal(int sig) {
+  const int savedErrno = errno;
+  promptSignal = sig;
+  tcsetattr(promptFd, TCSANOW, &promptSaved);
+  restoreDispositions();
+  // Blocked until this handler returns; then it takes its old course.
+  raise(sig);
+  errno = savedErrno;
+}
+
+class QuietTerminal {
  public:
-  explicit EchoOff(int fd) : fd_(fd) {
-    if (!isatty(fd_) || tcgetattr(fd_, &saved_) != 0) return;
-    termios quiet = saved_;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    quiet.c_lflag |= ECHONL;
-    active_ = tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
+  explicit QuietTerminal(int fd) {
+    if (!isatty(fd)) return;
+    lock_ = std::unique_lock<std::mutex>(promptLock);
+    promptFd = fd;
+    active_ = hide();
+    if (!active_) lock_.unlock();
   }
-  ~EchoOff() {
-    if (active_) tcsetattr(fd_, TCSAFLUSH, &saved_);
+  ~QuietTerminal() {
+    if (!active_) return;
+    tcsetattr(promptFd, TCSAFLUSH, &promptSaved);
+    restoreDispositions();
   }
-  EchoOff(const EchoOff&) = delete;
-  EchoOff& operator=(const EchoOff&) = delete;
+  QuietTerminal(const QuietTerminal&) = delete;
+  QuietTerminal& operator=(const QuietTerminal&) = delete;
+
+  bool active() const { return active_; }
+
+  // After an interrupted read: 0 when none of the prompt's signals came,
+  // else the signal, whose handler has already put everything back.
+  int takeSignal() {
+    const int sig = promptSignal;
+    promptSignal = 0;
+    if (sig != 0) active_ = false;
+    return sig;
+  }
+
+  // Back from a stop: hide the typing again.
+  bool resume() {
+    active_ = hide();
+    return active_;
+  }
 
  private:
-  int fd_;
-  termios saved_{};
+  // Handlers first, then echo off: a signal in between finds the terminal
+  // settings it has to restore already saved.
+  bool hide() {
+    if (tcgetattr(promptFd, &promptSaved) != 0) return false;
+    promptSignal = 0;
+    struct sigaction catcher {};
+    catcher.sa_handler = onPromptSignal;
+    sigemptyset(&catcher.sa_mask);
+    catcher.sa_flags = 0;  // no SA_RESTART: the read has to end
+    for (std::size_t i = 0; i < kPromptSignalCount; ++i) {
+      promptCaught[i] = false;
+      struct sigaction old {};
+      if (sigaction(kPromptSignals[i], nullptr, &old) != 0) continue;
+      // An ignored signal stays ignored (nohup, background jobs).
+      if (old.sa_handler == SIG_IGN) continue;
+      promptOld[i] = old;
+      promptCaught[i] = sigaction(kPromptSignals[i], &catcher, nullptr) == 0;
+    }
+    termios quiet = promptSaved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    quiet.c_lflag |= ECHONL;
+    if (tcsetattr(promptFd, TCSAFLUSH, &quiet) != 0) {
+      restoreDispositions();
+      return false;
+    }
+    return true;
+  }
+
+  std::unique_lock<std::mutex> lock_;
   bool active_ = false;
 };
+
+// The buffer through which std::cin reads file descriptor 0. While it is in
+// place, a prompt reads the descriptor itself, so that a signal ends the read
+// reliably; a caller that swapped in another buffer is read through it.
+std::streambuf* const standardInputBuffer = [] {
+  std::ios_base::Init streamsReady;
+  return std::cin.rdbuf();
+}();
+
+// One line from the terminal, byte by byte so that nothing after the line
+// end is consumed. False when a signal ended the prompt.
+bool readTerminalLine(QuietTerminal& quiet, const std::string& prompt,
+                      std::string& line) {
+  for (;;) {
+    char c = 0;
+    const ssize_t n = read(promptFd, &c, 1);
+    if (n == 1) {
+      if (c == '\n') return true;
+      line += c;
+      continue;
+    }
+    if (n == 0) return true;  // end of input
+    if (errno != EINTR) return true;
+    const int sig = quiet.takeSignal();
+    if (sig == 0) continue;  // some other signal's handler ran
+    // A terminating signal whose handler kept the process alive: the
+    // prompt is over.
+    if (sig != SIGTSTP || !quiet.resume()) return false;
+    // The terminal dropped the partly typed line when it stopped the job.
+    OPENSSL_cleanse(&line[0], line.size());
+    line.clear();
+    std::cerr << prompt << std::flush;
+  }
+}
 
 }  // namespace
 
@@ -198,9 +315,16 @@ std::string Auth::getUserPass(std::string prompt) {
     // On a terminal the typed text stays hidden; anything else (a pipe, a
     // file) is simply read, one line. Echo goes off before the prompt shows,
     // so nothing typed in answer to it is ever echoed.
-    EchoOff quiet(STDIN_FILENO);
+    QuietTerminal quiet(STDIN_FILENO);
     std::cerr << prompt << std::flush;
-    std::getline(std::cin, password);
+    if (quiet.active() && std::cin.rdbuf() == standardInputBuffer) {
+      if (!readTerminalLine(quiet, prompt, password)) {
+        OPENSSL_cleanse(&password[0], password.size());
+        password.clear();
+      }
+    } else {
+      std::getline(std::cin, password);
+    }
   }
   if (!password.empty() && password.back() == '\r') password.pop_back();
   return password;

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,13 +21,17 @@ using namespace tov1;
 
 // Runs fn in a child whose standard input and error are `inFd`/`errFd`;
 // `beforeResult` runs in the parent meanwhile. Returns what fn returned,
-// through a pipe; a child that hangs is killed after five seconds.
+// through a pipe, and stores the child's wait status in `status`; a child
+// that hangs is killed after five seconds.
 std::string childWith(int inFd, int errFd, std::string (*fn)(),
-                      void (*beforeResult)(int) = nullptr, int arg = -1) {
+                      void (*beforeResult)(int) = nullptr, int arg = -1,
+                      int* status = nullptr) {
   int result[2];
   EXPECT_EQ(pipe(result), 0);
   const pid_t pid = fork();
   if (pid == 0) {
+    // The test runner may have been started with these ignored.
+    for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) signal(sig, SIG_DFL);
     setsid();
     dup2(inFd, STDIN_FILENO);
     dup2(errFd, STDERR_FILENO);
@@ -46,8 +51,12 @@ std::string childWith(int inFd, int errFd, std::string (*fn)(),
     text.append(buf, static_cast<std::size_t>(n));
   }
   close(result[0]);
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
+  int waited = 0;
+  for (int i = 0; i < 500 && waitpid(pid, &waited, WNOHANG) == 0; ++i) {
+    usleep(10000);
+  }
+  if (kill(pid, SIGKILL) == 0) waitpid(pid, &waited, 0);
+  if (status) *status = waited;
   return text;
 }
 
@@ -65,33 +74,71 @@ std::string screenOf(int master, int ms) {
   return screen;
 }
 
-std::string shownBeforeTyping;
+// A pseudo-terminal: the master for the test, the slave for the child.
+struct Pty {
+  Pty() {
+    master = posix_openpt(O_RDWR | O_NOCTTY);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return;
+    slave = open(ptsname(master), O_RDWR | O_NOCTTY);
+  }
+  ~Pty() {
+    if (slave >= 0) close(slave);
+    if (master >= 0) close(master);
+  }
+  Pty(const Pty&) = delete;
+  Pty& operator=(const Pty&) = delete;
+  bool ok() const { return master >= 0 && slave >= 0; }
+  int master = -1;
+  int slave = -1;
+};
 
-// Types the password once the prompt shows: echo is off by then, and input
-// typed earlier would have been flushed with the old settings.
+std::string shownBeforeTyping;
+std::string toType;
+
+// Types once the prompt shows: echo is off by then, and input typed earlier
+// would have been flushed with the old settings.
 void typeAtPrompt(int master) {
   shownBeforeTyping = screenOf(master, 5000);
-  if (write(master, "hunter2\n", 8) != 8) shownBeforeTyping += "<no write>";
+  if (write(master, toType.data(), toType.size()) !=
+      static_cast<ssize_t>(toType.size()))
+    shownBeforeTyping += "<no write>";
 }
 
 std::string askPassword() { return tovAuth.getUserPass("password: "); }
 
-TEST(PasswordEntry, TerminalDoesNotEchoThePassword) {
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  ASSERT_GE(master, 0);
-  ASSERT_EQ(grantpt(master), 0);
-  ASSERT_EQ(unlockpt(master), 0);
-  const int slave = open(ptsname(master), O_RDWR | O_NOCTTY);
-  ASSERT_GE(slave, 0);
-  const std::string typed =
-      childWith(slave, slave, askPassword, typeAtPrompt, master);
-  close(slave);
-  EXPECT_EQ(typed, "hunter2");
-  // The terminal showed the prompt, and not the password.
-  const std::string screen = shownBeforeTyping + screenOf(master, 200);
-  close(master);
-  EXPECT_NE(screen.find("password: "), std::string::npos);
-  EXPECT_EQ(screen.find("hunter2"), std::string::npos) << screen;
+TEST(PasswordEntry, TypingIsHiddenAndEchoComesBackHoweverTheReadEnds) {
+  const struct {
+    const char* name;
+    std::string typed;  // \x03 is Ctrl-C
+    std::string result;
+    int killedBy;  // 0: exits normally
+  } cases[] = {
+      {"typed", "hunter2\n", "hunter2", 0},
+      {"ctrl-c", "hunter2\x03", "", SIGINT},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Pty pty;
+    ASSERT_TRUE(pty.ok());
+    toType = c.typed;
+    int status = 0;
+    const std::string typed = childWith(pty.slave, pty.slave, askPassword,
+                                        typeAtPrompt, pty.master, &status);
+    EXPECT_EQ(typed, c.result);
+    if (c.killedBy == 0) {
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    } else {
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == c.killedBy)
+          << status;
+    }
+    termios after{};
+    ASSERT_EQ(tcgetattr(pty.slave, &after), 0);
+    EXPECT_NE(after.c_lflag & ECHO, 0u) << "echo left off";
+    // The terminal showed the prompt, and not the password.
+    const std::string screen = shownBeforeTyping + screenOf(pty.master, 200);
+    EXPECT_NE(screen.find("password: "), std::string::npos);
+    EXPECT_EQ(screen.find("hunter2"), std::string::npos) << screen;
+  }
 }
 
 TEST(CollaboratorTraces, DecoderAndCacheExplainThemselves) {
