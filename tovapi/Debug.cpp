@@ -167,6 +167,55 @@ void show(const std::string& line) {
   std::cerr << line << std::flush;
 }
 
+// The buffer through which std::cerr reaches file descriptor 2. A caller that
+// swaps it in captures the exact bytes, whatever descriptor 2 is.
+std::streambuf* const standardErrorBuffer = [] {
+  std::ios_base::Init streamsReady;
+  return std::cerr.rdbuf();
+}();
+
+bool isShownControl(unsigned char c) {
+  return (c < 0x20 && c != '\n' && c != '\t') || c == 0x7f;
+}
+
+bool hasControls(const std::string& text) {
+  for (char c : text) {
+    if (isShownControl(static_cast<unsigned char>(c))) return true;
+  }
+  return false;
+}
+
+// Traces echo what daemons sent; on a terminal, escape sequences in it could
+// retitle the window or clear the screen. Line feed and tab stay as they are.
+std::string escapeControls(const std::string& text) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size() + 16);
+  for (char ch : text) {
+    const auto c = static_cast<unsigned char>(ch);
+    if (isShownControl(c)) {
+      out += "\\x";
+      out += kDigits[c >> 4];
+      out += kDigits[c & 0x0f];
+    } else {
+      out += ch;
+    }
+  }
+  return out;
+}
+
+// Only output that really goes to a terminal is escaped; the log, pipes,
+// files and captured streams keep the exact bytes. The terminal check comes
+// last: it costs a system call, and most lines have nothing to escape.
+bool escapeOnTerminal(std::string& location, std::string& text) {
+  if (!hasControls(location) && !hasControls(text)) return false;
+  if (std::cerr.rdbuf() != standardErrorBuffer || !isatty(STDERR_FILENO))
+    return false;
+  location = escapeControls(location);
+  text = escapeControls(text);
+  return true;
+}
+
 // Blanks remembered password digests unless the user asked to see them
 // (TOVAPI_SHOW_SECRETS=1). Nothing to do, and no lock taken, while none is
 // remembered.
@@ -202,12 +251,16 @@ void logLine(std::ofstream& log, char kind, const std::string& line) {
 }
 
 // Shows one line (ending in a line feed) on standard error and appends it to
-// `log` unless that is null, with secrets blanked in both.
+// `log` unless that is null: secrets blanked in both, escaped only where a
+// terminal shows it.
 void emit(Debug& debug, std::ofstream* log, char kind, std::string location,
           std::string text) {
   hideSecrets(location);
   hideSecrets(text);
-  show(debug.getTraceStr(kind, location) + text);
+  std::string shownLocation = location;
+  std::string shownText = text;
+  escapeOnTerminal(shownLocation, shownText);
+  show(debug.getTraceStr(kind, shownLocation) + shownText);
   if (log == nullptr) return;
   if (kind == 'T')
     logLine(*log, 'T', text);

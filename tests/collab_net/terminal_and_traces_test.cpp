@@ -141,6 +141,53 @@ TEST(PasswordEntry, TypingIsHiddenAndEchoComesBackHoweverTheReadEnds) {
   }
 }
 
+const char kHostileText[] = "title \x1b]0;owned\x07 cr\r del\x7f a\\b\tend";
+
+std::string showHostileText() {
+  Debug::useColour = true;
+  std::ostringstream os;
+  os << kHostileText << "\n";
+  tovDebug.error("Loc()", os);
+  return "";
+}
+
+// What the child wrote to standard error, read after it ended.
+std::string drain(int fd) {
+  std::string text;
+  char buf[256];
+  pollfd p{fd, POLLIN, 0};
+  while (poll(&p, 1, 200) > 0) {
+    const ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    text.append(buf, static_cast<std::size_t>(n));
+  }
+  return text;
+}
+
+TEST(TerminalOutput, ControlCharactersAreEscapedOnlyOnATerminal) {
+  const std::string colouredLocation = "\033[31mLoc():\033[0m ";
+  {
+    Pty pty;
+    ASSERT_TRUE(pty.ok());
+    childWith(pty.slave, pty.slave, showHostileText);
+    // The terminal turns the line feed into CR LF on its way out.
+    EXPECT_EQ(drain(pty.master),
+              colouredLocation +
+                  "title \\x1b]0;owned\\x07 cr\\x0d del\\x7f a\\b\tend\r\n");
+  }
+  {
+    int err[2];
+    ASSERT_EQ(pipe(err), 0);
+    const int devNull = open("/dev/null", O_RDONLY);
+    childWith(devNull, err[1], showHostileText);
+    close(devNull);
+    close(err[1]);
+    EXPECT_EQ(drain(err[0]),
+              colouredLocation + std::string(kHostileText) + "\n");
+    close(err[0]);
+  }
+}
+
 TEST(CollaboratorTraces, DecoderAndCacheExplainThemselves) {
   std::stringstream captured;
   std::streambuf* old = std::cerr.rdbuf(captured.rdbuf());
