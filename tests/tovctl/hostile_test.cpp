@@ -259,11 +259,13 @@ TEST_F(Hostile, ProbeSurvivesAnExceptionInTheRefresh) {
     EXPECT_EQ(r.status, 39) << r.err;
     EXPECT_EQ(r.signal, 0);
     ASSERT_FALSE(r.err.empty());
-    EXPECT_THAT(linesOf(r.err).back(),
-                StartsWith("tovctl: probe of " + at() +
-                           " failed: exception while collecting cluster "
-                           "information (TOV_EXCEPT_ALLINFO, code 39); "
-                           "reading the cluster information threw: "));
+    // At level 3 the library's objects still say goodbye after it.
+    EXPECT_THAT(linesOf(r.err),
+                testing::Contains(
+                    StartsWith("tovctl: probe of " + at() +
+                               " failed: exception while collecting cluster "
+                               "information (TOV_EXCEPT_ALLINFO, code 39); "
+                               "reading the cluster information threw: ")));
   }
 }
 

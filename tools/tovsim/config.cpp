@@ -184,7 +184,7 @@ void parseFaults(const json& f, Faults& out) {
       static_cast<long>(getInt(f, w, "cut_after", out.cutAfter, -1, 1 << 24));
   out.resetAfter = static_cast<long>(
       getInt(f, w, "reset_after", out.resetAfter, -1, 1 << 24));
-  out.padTo = static_cast<long>(getInt(f, w, "pad_to", out.padTo, 0, 1 << 24));
+  out.padTo = static_cast<long>(getInt(f, w, "pad_to", out.padTo, 0, kMaxPad));
   const std::string letter = getString(f, w, "fault_letter", "", true);
   if (letter.size() > 1) fail(w + ".fault_letter", "expected one character");
   out.onlyLetter = letter.empty() ? 0 : letter[0];

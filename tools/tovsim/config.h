@@ -46,6 +46,10 @@ struct UdpAnswer {
   std::string bytes;  // otherwise these bytes, exactly
 };
 
+// Largest padded reply: big enough to exhaust a client run under a memory
+// limit, small enough for the simulator to build.
+constexpr long kMaxPad = 256L * 1024 * 1024;
+
 // Misbehaviour on purpose. Negative sizes mean "off".
 struct Faults {
   int busy = 0;          // answer the first N requests with 'k'

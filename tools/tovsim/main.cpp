@@ -125,7 +125,7 @@ int main(int argc, char** argv) {
           ->check(CLI::Range(0L, 1L << 24));
   auto* padOpt = g->add_option("--pad-to", cli.padTo,
                                "pad the reply with filler lines to N bytes")
-                     ->check(CLI::Range(0L, 1L << 24));
+                     ->check(CLI::Range(0L, tovsim::kMaxPad));
   auto* letterOpt =
       g->add_option("--fault-letter", faultLetter,
                     "apply busy and reply faults only to this request letter");
