@@ -52,7 +52,9 @@ refused() {
 
 # Discovery always uses UDP port 1195, and another program holding it would
 # answer in our place or keep the simulator from starting: stop at once.
-taken=$(ss -Hlun 'sport = :1195' 2>/dev/null || true)
+# Only the demo's addresses matter, and the wildcard ones that cover them.
+taken=$(ss -Hlun 'sport = :1195' 2>/dev/null |
+  grep -E '(^|[[:space:]])(0\.0\.0\.0|\*|\[::\]|127\.0\.0\.[123]):1195[[:space:]]' || true)
 [[ -z $taken ]] || die "UDP port 1195, which discovery needs, is in use:
 $taken
 stop that program (or the earlier demo) and run make demo again"
