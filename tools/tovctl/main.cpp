@@ -175,9 +175,12 @@ void applyGlobals(Options& o) {
   // A call that no signal ends (a name lookup retrying by itself) still
   // ends the program half a second after the deadline.
   const double seconds = o.deadline;
-  tovctl::deadline().onOverrun(std::chrono::milliseconds(500), [seconds] {
+  const std::string host = o.host;
+  tovctl::deadline().onOverrun(std::chrono::milliseconds(500), [seconds, host] {
     const int status = tovctl::reportDeadline(
-        "command", seconds, "the library did not give up; stopping");
+        "command for " + host, seconds,
+        "the library was blocked in a call that did not give up (a name "
+        "lookup?); stopping");
     std::_Exit(status);
   });
 }
