@@ -8,7 +8,6 @@
 
 #include "codes.h"
 #include "common/text.h"
-#include "discovery.h"
 #include "report.h"
 #include "tovapi/libtovapi.h"
 

@@ -17,7 +17,6 @@ struct ServiceAction {
   std::string help;
 };
 
-int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw);
 int cmdProbe(const Options& o, const std::string& host);
 int cmdResolve(const Options& o, const std::string& host);
 int cmdFamily(const Options& o, const std::string& address);
