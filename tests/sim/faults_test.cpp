@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <set>
 #include <thread>
 
 #include "raw_client.h"
@@ -387,6 +388,159 @@ TEST(SimMultiNode, EveryAddressServesTcpOnOnePort) {
       lines(exchange(sim.port(), "N 0", "", "", "", "127.0.0.2").bytes);
   ASSERT_EQ(hb.size(), 3u);
   EXPECT_EQ(hb[1], "n2 127.0.0.2 up");
+}
+
+TEST(SimMultiNode, SixtyFourNodesAnswerAllAtOnce) {
+  // --nodes 64: node1..node64 on 127.0.1.1..127.0.1.64, all served by one
+  // process without --listen. Two clients per node connect before any of
+  // them sends its request; with fewer than 128 connections served at once
+  // the later ones would get no salt until the earlier ones timed out.
+  constexpr int kNodes = 64;
+  constexpr int kPerNode = 2;
+  std::vector<std::string> addrs;
+  for (int i = 1; i <= kNodes; ++i) {
+    addrs.push_back("127.0.1." + std::to_string(i));
+  }
+  SimOptions o;
+  o.listen.clear();
+  o.udpPort = freeUdpPort(addrs);
+  o.extraArgs = {"--nodes", std::to_string(kNodes)};
+  SimProcess sim(o);
+  const auto t0 = Clock::now();
+  std::vector<rawtest::Socket> socks;
+  for (int k = 0; k < kNodes * kPerNode; ++k) {
+    socks.push_back(rawtest::connectTcp(addrs[k % kNodes], sim.port()));
+  }
+  for (std::size_t k = 0; k < socks.size(); ++k) {
+    ASSERT_EQ(readSome(socks[k].fd(), 8, 2000).size(), 8u)
+        << "no salt at once for " << addrs[k % kNodes] << "\n"
+        << sim.log();
+  }
+  for (const rawtest::Socket& s : socks) {
+    rawtest::sendAll(s.fd(), rawtest::frame("CCN"));
+  }
+  for (std::size_t k = 0; k < socks.size(); ++k) {
+    const auto ls = lines(readToClose(socks[k].fd()));
+    ASSERT_GE(ls.size(), 2u) << addrs[k % kNodes];
+    EXPECT_EQ(fields(ls[1]).at(11), "node" + std::to_string(k % kNodes + 1));
+    std::size_t nodeLines = 0;
+    for (const std::string& l : ls) nodeLines += l.rfind("N ", 0) == 0;
+    EXPECT_EQ(nodeLines, static_cast<std::size_t>(kNodes)) << addrs[k];
+  }
+  EXPECT_LT(msSince(t0), 5000) << "nobody waited for a free slot";
+
+  // Discovery: one probe to every address at once, one answer from each.
+  rawtest::Socket u(socket(AF_INET, SOCK_DGRAM, 0));
+  for (const std::string& a : addrs) {
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(o.udpPort));
+    inet_pton(AF_INET, a.c_str(), &sa.sin_addr);
+    const std::string p(8, '\xCD');
+    sendto(u.fd(), p.data(), p.size(), 0, reinterpret_cast<sockaddr*>(&sa),
+           sizeof sa);
+  }
+  std::set<std::string> from;
+  const auto t1 = Clock::now();
+  while (from.size() < addrs.size() && msSince(t1) < 2000) {
+    pollfd pfd{u.fd(), POLLIN, 0};
+    if (poll(&pfd, 1, 200) <= 0) continue;
+    char buf[8192];
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    const ssize_t n = recvfrom(u.fd(), buf, sizeof buf, 0,
+                               reinterpret_cast<sockaddr*>(&sa), &len);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(lines(std::string(buf, static_cast<std::size_t>(n))).size(),
+              static_cast<std::size_t>(kNodes + 1));
+    char host[INET_ADDRSTRLEN];
+    from.insert(inet_ntop(AF_INET, &sa.sin_addr, host, sizeof host));
+  }
+  EXPECT_EQ(from.size(), addrs.size());
+}
+
+TEST(SimMultiNode, SilentNodesAreListedButDoNotAnswer) {
+  // Nodes but no "listen" and no --listen: every node's own address is
+  // served, but none of a silent node. Silence from the file and from the
+  // command line.
+  SimOptions o;
+  o.configJson = R"({
+    "cluster": {"name": "degraded"},
+    "nodes": [{"name": "n1", "address": "127.0.6.1"},
+              {"name": "n2", "address": "127.0.6.2", "silent": true},
+              {"name": "n3", "address": "127.0.6.3", "silent": "mute"},
+              {"name": "n4", "address": "127.0.6.4"},
+              {"name": "n5", "address": "127.0.6.5"},
+              {"name": "n6", "address": "127.0.6.6", "silent": false}],
+    "services": [{"name": "web", "state": "running", "mode": "auto",
+                  "node": "n1"}]
+  })";
+  o.listen.clear();
+  o.udpPort = freeUdpPort({"127.0.6.1", "127.0.6.3", "127.0.6.5", "127.0.6.6"});
+  o.extraArgs = {"--silent", "n4", "--mute", "n5"};
+  SimProcess sim(o);
+  enum class Expect { Answers, Refused, Mute };
+  struct Case {
+    const char* address;
+    Expect expect;
+    const char* heartbeat;  // the line of "N 0"
+  };
+  const Case cases[] = {
+      {"127.0.6.1", Expect::Answers, "n1 127.0.6.1 up"},
+      {"127.0.6.2", Expect::Refused, "n2 127.0.6.2 down"},
+      {"127.0.6.3", Expect::Mute, "n3 127.0.6.3 down"},
+      {"127.0.6.4", Expect::Refused, "n4 127.0.6.4 down"},
+      {"127.0.6.5", Expect::Mute, "n5 127.0.6.5 down"},
+      {"127.0.6.6", Expect::Answers, "n6 127.0.6.6 up"},
+  };
+  const auto heartbeats =
+      lines(exchange(sim.port(), "N 0", "", "", "", "127.0.6.1").bytes);
+  ASSERT_EQ(heartbeats.size(), 7u);
+  for (std::size_t i = 0; i < 6; ++i) {
+    const Case& c = cases[i];
+    EXPECT_EQ(heartbeats[i + 1], c.heartbeat);
+    const auto udp = probe(c.address, o.udpPort, std::string(8, '\xCD'), 300);
+    switch (c.expect) {
+      case Expect::Answers: {
+        const auto ls =
+            lines(exchange(sim.port(), "CCN", "", "", "", c.address).bytes);
+        ASSERT_GE(ls.size(), 8u) << c.address;
+        EXPECT_EQ(fields(ls[1]).at(2), "6") << "every node is listed";
+        EXPECT_EQ(ls[3], "N n2 127.0.6.2 4");
+        EXPECT_EQ(ls[4], "N n3 127.0.6.3 4");
+        ASSERT_EQ(udp.size(), 1u) << c.address;
+        EXPECT_EQ(lines(udp[0].text).size(), 7u);
+        break;
+      }
+      case Expect::Refused:
+        try {
+          rawtest::connectTcp(c.address, sim.port());
+          ADD_FAILURE() << c.address << " accepted a connection";
+        } catch (const std::runtime_error& e) {
+          EXPECT_NE(std::string(e.what()).find("refused"), std::string::npos)
+              << e.what();
+        }
+        EXPECT_TRUE(udp.empty()) << c.address;
+        break;
+      case Expect::Mute: {
+        rawtest::Socket s = rawtest::connectTcp(c.address, sim.port());
+        bool eof = false;
+        EXPECT_EQ(readSome(s.fd(), 8, 300, nullptr, &eof), "") << c.address;
+        rawtest::sendAll(s.fd(), rawtest::frame("CCN"));
+        EXPECT_EQ(readSome(s.fd(), 8, 300, nullptr, &eof), "") << c.address;
+        EXPECT_FALSE(eof) << c.address << ": held open";
+        EXPECT_TRUE(udp.empty()) << c.address;
+        break;
+      }
+    }
+  }
+  // Passing skips the nodes that do not answer: from n1 straight to n6.
+  EXPECT_EQ(
+      lines(exchange(sim.port(), "F 0", "", "", "", "127.0.6.1").bytes).at(0),
+      "Fa service 0 (web) passed to n6");
+  EXPECT_NE(sim.log().find("held without a salt (mute node)"),
+            std::string::npos)
+      << sim.log();
 }
 
 TEST(SimLifecycle, SigtermStopsPromptlyWhileARequestIsHeld) {

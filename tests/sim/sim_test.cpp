@@ -413,10 +413,16 @@ TEST(SimConfig, BuiltInClusterWithoutConfigFile) {
 
 TEST(SimConfig, BadFilesAndFlagsAreRefusedWithStatusTwo) {
   struct Case {
-    const char* json;
+    std::string json;
     std::vector<std::string> args;
     const char* message;
   };
+  std::string tooMany;  // 257 nodes
+  for (int i = 1; i <= 257; ++i) {
+    tooMany += std::string(tooMany.empty() ? "" : ", ") + R"({"name": "n)" +
+               std::to_string(i) + R"(", "address": "127.0.0.1"})";
+  }
+  // SimProcess passes --listen 127.0.0.1.
   const Case cases[] = {
       {"{", {}, "not valid JSON"},
       {R"({"servces": []})", {}, "unknown key \"servces\""},
@@ -445,6 +451,22 @@ TEST(SimConfig, BadFilesAndFlagsAreRefusedWithStatusTwo) {
       {"{}",
        {"--udp-answer", "-", "--udp-answer", "ok\\"},
        "--udp-answer: invalid escape"},
+      {R"({"nodes": [{"name": "a", "address": "127.0.0.1", "silent": "no"}]})",
+       {},
+       "nodes[0].silent: expected false, true or \"mute\""},
+      {R"({"nodes": [)" + tooMany + "]}", {}, "nodes: at most 256 nodes"},
+      {"{}",
+       {"--silent", "node9"},
+       "--silent node9: no node of that name (the nodes are node1)"},
+      {"{}", {"--mute", "node1", "--silent", "node1"}, "also given to --mute"},
+      {"{}", {"--silent", "node1"}, "every node is silent"},
+      {R"({"nodes": [{"name": "a", "address": "127.0.0.1", "silent": true},
+                     {"name": "b", "address": "127.0.0.2"}]})",
+       {},
+       "--listen 127.0.0.1: the address of node \"a\", which is silent"},
+      {R"({"nodes": [{"name": "a", "address": "127.0.0.1"}]})",
+       {"--nodes", "3"},
+       "--nodes: the configuration file lists its nodes already"},
   };
   for (const Case& c : cases) {
     SimOptions o = withConfig(c.json);

@@ -4,12 +4,15 @@
 #include <openssl/evp.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+
+#include "log.h"
 
 namespace tovsim {
 
@@ -342,9 +345,13 @@ Config parseConfig(const std::string& text) {
   if (root.contains("nodes")) {
     const json& ns = root.at("nodes");
     if (!ns.is_array()) fail("nodes", "expected an array");
+    if (ns.size() > kMaxNodes) {
+      fail("nodes", "at most " + std::to_string(kMaxNodes) + " nodes, not " +
+                        std::to_string(ns.size()));
+    }
     for (std::size_t i = 0; i < ns.size(); ++i) {
       const std::string w = "nodes[" + std::to_string(i) + "]";
-      onlyKeys(ns[i], w, {"name", "address", "family"});
+      onlyKeys(ns[i], w, {"name", "address", "family", "silent"});
       NodeConfig n;
       n.name = getName(ns[i], w, "name", "");
       if (n.name.empty()) fail(w + ".name", "is required");
@@ -356,6 +363,19 @@ Config parseConfig(const std::string& text) {
       if (n.family != fam) {
         fail(w + ".family", "does not match the address (expected " +
                                 std::to_string(fam) + ")");
+      }
+      if (ns[i].contains("silent")) {
+        const json& v = ns[i].at("silent");
+        if (v.is_string() && v.get<std::string>() == "mute") {
+          n.silence = Silence::Mute;
+        } else if (v.is_boolean() ||
+                   (v.is_number_integer() && (v == 0 || v == 1))) {
+          n.silence = (v.is_boolean() ? v.get<bool>() : v == 1)
+                          ? Silence::Refused
+                          : Silence::None;
+        } else {
+          fail(w + ".silent", "expected false, true or \"mute\"");
+        }
       }
       cfg.nodes.push_back(n);
     }
@@ -475,17 +495,166 @@ Config builtinConfig(long long now) {
   return cfg;
 }
 
-void finishConfig(Config& cfg, const std::vector<std::string>& listen) {
-  if (cfg.nodes.empty()) {
-    for (std::size_t i = 0; i < listen.size(); ++i) {
-      NodeConfig n;
-      n.name = "node" + std::to_string(i + 1);
-      n.address = listen[i];
-      n.family = addressFamily(listen[i]);
-      cfg.nodes.push_back(n);
+namespace {
+
+void nodesFromListen(Config& cfg, const std::vector<std::string>& listen) {
+  for (std::size_t i = 0; i < listen.size(); ++i) {
+    NodeConfig n;
+    n.name = "node" + std::to_string(i + 1);
+    n.address = listen[i];
+    n.family = addressFamily(listen[i]);
+    cfg.nodes.push_back(n);
+  }
+}
+
+// "node1, node2" for a few nodes, "64 nodes: node1 ... node64" for many.
+std::string nodeNames(const std::vector<NodeConfig>& nodes) {
+  if (nodes.empty()) return "no nodes";
+  std::string out;
+  if (nodes.size() <= 4) {
+    for (const NodeConfig& n : nodes) {
+      out += (out.empty() ? "" : ", ") + printable(n.name, 64);
+    }
+    return "the nodes are " + out;
+  }
+  return std::to_string(nodes.size()) +
+         " nodes: " + printable(nodes.front().name, 64) + " ... " +
+         printable(nodes.back().name, 64);
+}
+
+void applySilence(Config& cfg, const std::vector<std::string>& names,
+                  const std::vector<std::string>& others, Silence how,
+                  const std::string& flag, const std::string& otherFlag) {
+  for (const std::string& raw : names) {
+    const std::string where = flag + " " + printable(raw, 64);
+    std::string name;
+    try {
+      name = decodeEscapes(raw);
+    } catch (const ConfigError& e) {
+      throw ConfigError(where + ": " + e.what());
+    }
+    for (const std::string& o : others) {
+      if (o == raw) throw ConfigError(where + ": also given to " + otherFlag);
+    }
+    bool found = false;
+    for (NodeConfig& n : cfg.nodes) {
+      if (n.name == name) {
+        n.silence = how;
+        found = true;
+      }
+    }
+    if (!found) {
+      throw ConfigError(where + ": no node of that name (" +
+                        nodeNames(cfg.nodes) + ")");
     }
   }
+}
+
+}  // namespace
+
+std::vector<NodeConfig> generateNodes(int count) {
+  if (count < 1 || static_cast<std::size_t>(count) > kMaxNodes) {
+    throw ConfigError("--nodes: expected 1 to " + std::to_string(kMaxNodes));
+  }
+  std::vector<NodeConfig> out;
+  for (int i = 1; i <= count; ++i) {
+    NodeConfig n;
+    n.name = "node" + std::to_string(i);
+    // The i-th address after 127.0.1.0: node256 is 127.0.2.0.
+    n.address =
+        "127.0." + std::to_string(1 + i / 256) + "." + std::to_string(i % 256);
+    n.family = 4;
+    out.push_back(n);
+  }
+  return out;
+}
+
+std::vector<std::size_t> listenNodes(const Config& cfg,
+                                     const std::vector<std::string>& listen) {
+  std::vector<std::size_t> open;  // nodes something may listen for
+  for (std::size_t n = 0; n < cfg.nodes.size(); ++n) {
+    if (cfg.nodes[n].silence != Silence::Refused) open.push_back(n);
+  }
+  std::vector<std::size_t> out;
+  for (std::size_t i = 0; i < listen.size(); ++i) {
+    std::size_t node = i < open.size() ? open[i] : open.empty() ? 0 : open[0];
+    for (std::size_t n = 0; n < cfg.nodes.size(); ++n) {
+      if (cfg.nodes[n].address == listen[i]) {
+        node = n;
+        break;
+      }
+    }
+    out.push_back(node);
+  }
+  return out;
+}
+
+std::vector<std::string> settleNodes(Config& cfg, const NodeFlags& flags) {
+  if (flags.generate != 0) {
+    if (!cfg.nodes.empty()) {
+      throw ConfigError(
+          "--nodes: the configuration file lists its nodes already");
+    }
+    cfg.nodes = generateNodes(flags.generate);
+  }
+  std::vector<std::string> listen = flags.listen;
+  std::string origin = "--listen";
+  if (listen.empty() && !cfg.listen.empty()) {
+    listen = cfg.listen;
+    origin = "listen";
+  }
+  for (const std::string& a : listen) {
+    if (addressFamily(a) == 0) {
+      throw ConfigError(origin + ": \"" + a + "\" is not a numeric IP address");
+    }
+  }
+  if (cfg.nodes.empty()) {
+    if (listen.empty()) listen = {"127.0.0.1"};
+    nodesFromListen(cfg, listen);
+  }
+  applySilence(cfg, flags.silent, flags.mute, Silence::Refused, "--silent",
+               "--mute");
+  applySilence(cfg, flags.mute, flags.silent, Silence::Mute, "--mute",
+               "--silent");
+  if (listen.empty()) {
+    // Every node's own address, but nothing at a silent node's.
+    origin.clear();
+    for (const NodeConfig& n : cfg.nodes) {
+      if (n.silence != Silence::Refused &&
+          std::find(listen.begin(), listen.end(), n.address) == listen.end()) {
+        listen.push_back(n.address);
+      }
+    }
+  }
+  finishConfig(cfg, listen, origin);
+  return listen;
+}
+
+void finishConfig(Config& cfg, const std::vector<std::string>& listen,
+                  const std::string& listenOrigin) {
+  if (cfg.nodes.empty()) nodesFromListen(cfg, listen);
   if (cfg.nodes.empty()) throw ConfigError("nodes: the cluster has no node");
+  if (cfg.nodes.size() > kMaxNodes) {
+    throw ConfigError("nodes: at most " + std::to_string(kMaxNodes) +
+                      " nodes, not " + std::to_string(cfg.nodes.size()));
+  }
+  if (std::all_of(cfg.nodes.begin(), cfg.nodes.end(), [](const NodeConfig& n) {
+        return n.silence == Silence::Refused;
+      })) {
+    throw ConfigError("nodes: every node is silent, there is nothing to serve");
+  }
+  for (const std::string& a : listen) {
+    for (const NodeConfig& n : cfg.nodes) {
+      if (n.address == a && n.silence == Silence::Refused) {
+        throw ConfigError(
+            (listenOrigin.empty() ? std::string("listen") : listenOrigin) +
+            " " + a + ": the address of node \"" + printable(n.name, 64) +
+            "\", which is silent (nothing may listen there); leave the "
+            "address out, or make the node mute");
+      }
+      if (n.address == a) break;  // the node this address serves
+    }
+  }
   for (std::size_t i = 0; i < cfg.services.size(); ++i) {
     ServiceConfig& s = cfg.services[i];
     if (s.node.empty()) {

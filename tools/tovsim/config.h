@@ -21,11 +21,22 @@ class ConfigError : public std::runtime_error {
 enum class ServiceState { Running, Stopped, Starting, Stopping, Broken };
 const char* stateName(ServiceState s);
 
+// How a node listed in the cluster fails to answer ("nodes[].silent").
+enum class Silence {
+  None,     // false: served like any node
+  Refused,  // true: nothing listens at its address
+  Mute,     // "mute": connections are accepted, nothing is ever sent
+};
+
 struct NodeConfig {
   std::string name;
   std::string address;
   int family = 4;
+  Silence silence = Silence::None;
 };
+
+// Most nodes one cluster (and one process) may have.
+constexpr std::size_t kMaxNodes = 256;
 
 struct ServiceConfig {
   std::string name;
@@ -106,9 +117,39 @@ Config loadConfigFile(const std::string& path);
 Config builtinConfig(long long now);
 const char* builtinConfigText();
 
-// Fills in nodes from the listen addresses when the file has none and
-// resolves each service's node; throws ConfigError.
-void finishConfig(Config& cfg, const std::vector<std::string>& listen);
+// Fills in nodes from the listen addresses when the file has none, checks
+// the nodes against the listen addresses (none may be that of a silent
+// node; `listenOrigin` names where they came from in messages, "" for
+// addresses derived from the nodes) and resolves each service's node;
+// throws ConfigError.
+void finishConfig(Config& cfg, const std::vector<std::string>& listen,
+                  const std::string& listenOrigin = "listen");
+
+// The nodes `--nodes N` makes: node1..nodeN on 127.0.1.1..127.0.1.N (node i
+// on the i-th address after 127.0.1.0, so node256 is on 127.0.2.0).
+std::vector<NodeConfig> generateNodes(int count);
+
+// What the command line says about nodes and listen addresses.
+struct NodeFlags {
+  std::vector<std::string> listen;  // --listen, in order; empty: not given
+  int generate = 0;                 // --nodes; 0: not given
+  std::vector<std::string> silent;  // --silent NODE (escapes decoded)
+  std::vector<std::string> mute;    // --mute NODE
+};
+
+// Settles nodes and listen addresses, then finishes the configuration:
+// nodes from --nodes (only when the file lists none), else from the listen
+// addresses when there are none; --silent and --mute applied; the addresses
+// served are --listen, else the file's "listen", else every node's address
+// except those of silent (not mute) nodes, else 127.0.0.1. Returns the
+// listen addresses; throws ConfigError naming the flag or key.
+std::vector<std::string> settleNodes(Config& cfg, const NodeFlags& flags);
+
+// For each listen address, the index of the node it serves: the node with
+// that address, else by position among the nodes that are not silent (the
+// i-th address the i-th such node, the first one past their end).
+std::vector<std::size_t> listenNodes(const Config& cfg,
+                                     const std::vector<std::string>& listen);
 
 // Validates one fault setting given on the command line or in the file.
 void checkFaults(const Faults& f);

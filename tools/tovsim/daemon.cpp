@@ -119,17 +119,7 @@ std::string padReply(const std::string& text, long total) {
 
 Daemon::Daemon(const Config& cfg, long long startTime,
                const std::vector<std::string>& listen)
-    : cfg_(cfg), startTime_(startTime) {
-  for (std::size_t i = 0; i < listen.size(); ++i) {
-    std::size_t node = i < cfg_.nodes.size() ? i : 0;
-    for (std::size_t n = 0; n < cfg_.nodes.size(); ++n) {
-      if (cfg_.nodes[n].address == listen[i]) {
-        node = n;
-        break;
-      }
-    }
-    listenNode_.push_back(node);
-  }
+    : cfg_(cfg), startTime_(startTime), listenNode_(listenNodes(cfg, listen)) {
   for (const ServiceConfig& sc : cfg_.services) {
     Service s;
     s.conf = sc;
@@ -139,6 +129,17 @@ Daemon::Daemon(const Config& cfg, long long startTime,
     services_.push_back(s);
   }
   record(-1, "daemon started");
+}
+
+bool Daemon::muteAt(std::size_t listenIdx) const {
+  return listenIdx < listenNode_.size() &&
+         cfg_.nodes[listenNode_[listenIdx]].silence == Silence::Mute;
+}
+
+bool Daemon::answers(std::size_t node) const {
+  return cfg_.nodes[node].silence == Silence::None &&
+         std::find(listenNode_.begin(), listenNode_.end(), node) !=
+             listenNode_.end();
 }
 
 bool Daemon::faultsApply(const std::string& line) const {
@@ -402,9 +403,17 @@ Outcome Daemon::serviceRequest(char e, std::size_t idx,
       if (refuseCommon(o)) return o;
       if (!running) return reply(e, 'c', what + " is not running");
       if (s.conf.blocked) return reply(e, 'm', what + " is blocked");
-      const std::size_t next =
-          (static_cast<std::size_t>(s.runningOn < 0 ? 0 : s.runningOn) + 1) %
-          cfg_.nodes.size();
+      // The next node in the list that is not silent nor mute.
+      const std::size_t from =
+          static_cast<std::size_t>(s.runningOn < 0 ? 0 : s.runningOn);
+      std::size_t next = from;
+      for (std::size_t k = 1; k <= cfg_.nodes.size(); ++k) {
+        const std::size_t cand = (from + k) % cfg_.nodes.size();
+        if (cfg_.nodes[cand].silence == Silence::None) {
+          next = cand;
+          break;
+        }
+      }
       s.conf.automatic = true;
       startOn(s, next);
       return done("passed to " + cfg_.nodes[next].name);
@@ -455,8 +464,7 @@ Outcome Daemon::serviceRequest(char e, std::size_t idx,
     case 'N': {
       std::vector<std::string> lines;
       for (std::size_t n = 0; n < cfg_.nodes.size(); ++n) {
-        const bool up = std::find(listenNode_.begin(), listenNode_.end(), n) !=
-                        listenNode_.end();
+        const bool up = answers(n);
         lines.push_back(field(cfg_.nodes[n].name) + " " +
                         cfg_.nodes[n].address + " " + (up ? "up" : "down"));
       }

@@ -57,6 +57,10 @@ class Daemon {
   // the discovery answer fault says.
   std::vector<std::string> discoveryAnswers(std::size_t listenIdx) const;
 
+  // Whether listen address `listenIdx` serves a mute node: connections are
+  // accepted and held, probes swallowed, nothing is ever sent.
+  bool muteAt(std::size_t listenIdx) const;
+
   // Whether the reply faults apply to this request line.
   bool faultsApply(const std::string& line) const;
 
@@ -81,6 +85,8 @@ class Daemon {
   Outcome serviceRequest(char letter, std::size_t idx,
                          const std::string& suffix, const std::string& data,
                          const std::string& who, std::size_t node);
+  // Served by this process and neither silent nor mute.
+  bool answers(std::size_t node) const;
   std::string clusterLine(std::size_t listenIdx) const;
   std::vector<std::string> nodeLines() const;
   std::string serviceLine(std::size_t idx) const;

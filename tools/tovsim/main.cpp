@@ -36,6 +36,37 @@ std::string describeFaults(const tovsim::Faults& f) {
   return os.str();
 }
 
+// The addresses served, shortened when there are many.
+std::string describeListen(const std::vector<std::string>& listen) {
+  std::string out;
+  if (listen.size() <= 8) {
+    for (const std::string& a : listen) out += " " + a;
+    return out;
+  }
+  return " " + listen.front() + " ... " + listen.back() + " (" +
+         std::to_string(listen.size()) + " addresses)";
+}
+
+// "; silent: node7; mute: node9", with at most 8 names each.
+std::string describeSilence(const std::vector<tovsim::NodeConfig>& nodes) {
+  std::string out;
+  for (const auto how : {tovsim::Silence::Refused, tovsim::Silence::Mute}) {
+    std::string names;
+    std::size_t count = 0;
+    for (const tovsim::NodeConfig& n : nodes) {
+      if (n.silence != how) continue;
+      if (++count <= 8) {
+        names += (names.empty() ? "" : ", ") + tovsim::printable(n.name, 64);
+      }
+    }
+    if (count == 0) continue;
+    if (count > 8) names += ", ... (" + std::to_string(count) + " in all)";
+    out += std::string("; ") +
+           (how == tovsim::Silence::Refused ? "silent: " : "mute: ") + names;
+  }
+  return out;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,7 +81,10 @@ int main(int argc, char** argv) {
   int maxLifetime = 0;
   std::string readyFile;
   double readTimeout = 5.0;
-  int maxConnections = 32;
+  int maxConnections = 256;
+  int nodeCount = 0;
+  std::vector<std::string> silentNodes;
+  std::vector<std::string> muteNodes;
   std::size_t maxFrame = 65536;
   tovsim::Faults cli;
   std::string faultLetter;
@@ -60,10 +94,24 @@ int main(int argc, char** argv) {
 
   app.add_option("--config", configPath, "cluster configuration (JSON)")
       ->check(CLI::ExistingFile);
-  auto* listenOpt =
-      app.add_option("--listen", listen,
-                     "address to serve as one node (repeatable; default "
-                     "127.0.0.1)");
+  app.add_option("--listen", listen,
+                 "address to serve as one node (repeatable; default: the "
+                 "file's \"listen\", else every node's address but the "
+                 "silent ones', else 127.0.0.1)");
+  app.add_option("--nodes", nodeCount,
+                 "make the nodes node1..nodeN on 127.0.1.1..127.0.1.N (for a "
+                 "file without nodes)")
+      ->check(CLI::Range(1, static_cast<int>(tovsim::kMaxNodes)));
+  app.add_option("--silent", silentNodes,
+                 "list this node but let nothing listen at its address "
+                 "(repeatable)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--mute", muteNodes,
+                 "list this node, accept connections at its address and "
+                 "never send anything (repeatable)")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   app.add_option("--port", port, "TCP port (0: the kernel picks)")
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
@@ -158,6 +206,7 @@ int main(int argc, char** argv) {
 
   const long long now = static_cast<long long>(std::time(nullptr));
   tovsim::Config cfg;
+  bool servedNodes = false;  // listening at the nodes' addresses by default
   try {
     cfg = configPath.empty() ? tovsim::builtinConfig(now)
                              : tovsim::loadConfigFile(configPath);
@@ -186,17 +235,13 @@ int main(int argc, char** argv) {
       }
     }
     if (pollOpt->count()) cfg.pollTime = pollTime;
-    if (listenOpt->count() == 0) {
-      listen = cfg.listen.empty() ? std::vector<std::string>{"127.0.0.1"}
-                                  : cfg.listen;
-    }
-    for (const std::string& a : listen) {
-      if (tovsim::addressFamily(a) == 0) {
-        throw tovsim::ConfigError("listen: \"" + a +
-                                  "\" is not a numeric IP address");
-      }
-    }
-    tovsim::finishConfig(cfg, listen);
+    tovsim::NodeFlags nf;
+    nf.listen = listen;
+    nf.generate = nodeCount;
+    nf.silent = silentNodes;
+    nf.mute = muteNodes;
+    listen = tovsim::settleNodes(cfg, nf);
+    servedNodes = nf.listen.empty() && cfg.listen.empty();
   } catch (const tovsim::ConfigError& e) {
     std::cerr << "tovsim: configuration error: " << e.what() << '\n';
     return kExitUsage;
@@ -232,20 +277,27 @@ int main(int argc, char** argv) {
     try {
       server.open();
     } catch (const std::exception& e) {
-      std::cerr << "tovsim: " << e.what() << '\n';
+      // Addresses taken from the nodes may not be this machine's.
+      const bool fromNodes = listen.size() > 1 || listen[0] != "127.0.0.1";
+      std::cerr << "tovsim: " << e.what()
+                << (servedNodes && fromNodes
+                        ? " (the nodes' own addresses are served when "
+                          "neither --listen nor \"listen\" is given)"
+                        : "")
+                << '\n';
       close(sigFd);
       return kExitFailure;
     }
-    std::ostringstream addrs;
-    for (const std::string& a : listen) addrs << " " << a;
     tovsim::logLine(
         0, "cluster " + tovsim::printable(cfg.clusterName) + ": " +
                std::to_string(cfg.nodes.size()) + " node(s), " +
                std::to_string(cfg.services.size()) + " service(s), " +
                std::to_string(cfg.users.size()) + " user(s)" +
                (cfg.bootstrap ? ", bootstrap" : "") + "; listening on" +
-               addrs.str() + " tcp " + std::to_string(server.tcpPort()) +
+               describeListen(listen) + " tcp " +
+               std::to_string(server.tcpPort()) +
                (udpPort ? ", udp " + std::to_string(udpPort) : ", no udp") +
+               describeSilence(cfg.nodes) +
                (describeFaults(cfg.faults).empty()
                     ? std::string()
                     : "; faults:" + describeFaults(cfg.faults)));

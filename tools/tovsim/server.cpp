@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -27,6 +28,12 @@ namespace {
 
 // Blocking waits are cut into slices so that a stop is noticed quickly.
 constexpr int kSliceMs = 50;
+
+// Pending connections per listening socket (the kernel may cap it lower).
+constexpr int kBacklog = 256;
+
+// How long accepting rests after running out of file descriptors.
+constexpr int kAcceptPauseMs = 100;
 
 std::string sysError(const std::string& what) {
   return what + ": " + std::strerror(errno);
@@ -76,7 +83,7 @@ int bindSocket(const std::string& address, int port, int type) {
       setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
     }
     if (bind(fd, res->ai_addr, res->ai_addrlen) != 0 ||
-        (type == SOCK_STREAM && listen(fd, 64) != 0)) {
+        (type == SOCK_STREAM && listen(fd, kBacklog) != 0)) {
       const int saved = errno;
       close(fd);
       fd = -1;
@@ -116,9 +123,43 @@ void Server::open() {
   if (pipe2(wakePipe_, O_NONBLOCK | O_CLOEXEC) != 0) {
     throw std::runtime_error(sysError("pipe"));
   }
+  for (std::size_t i = 0; i < opts_.listen.size(); ++i) {
+    muteIdx_.push_back(daemon_.muteAt(i));
+  }
+  checkFdLimit();
   openTcp();
   openUdp();
   writeReadyFile();
+}
+
+void Server::checkFdLimit() {
+  // Listening sockets, one thread's connection each, held mute connections,
+  // and a few for everything else (standard streams, signals, the pipe, the
+  // ready file, the random source).
+  const bool anyMute =
+      std::find(muteIdx_.begin(), muteIdx_.end(), true) != muteIdx_.end();
+  const rlim_t needed =
+      static_cast<rlim_t>(opts_.listen.size() * (opts_.udpPort != 0 ? 2 : 1) +
+                          static_cast<std::size_t>(opts_.maxConnections) +
+                          (anyMute ? kMaxMuteHeld : 0) + 32);
+  rlimit rl{};
+  if (getrlimit(RLIMIT_NOFILE, &rl) != 0) return;
+  if (rl.rlim_cur == RLIM_INFINITY || rl.rlim_cur >= needed) return;
+  rlimit want = rl;
+  want.rlim_cur = rl.rlim_max == RLIM_INFINITY || rl.rlim_max >= needed
+                      ? needed
+                      : rl.rlim_max;
+  if (want.rlim_cur > rl.rlim_cur && setrlimit(RLIMIT_NOFILE, &want) == 0) {
+    TOVSIM_LOG(2, "open file limit raised from " << rl.rlim_cur << " to "
+                                                 << want.rlim_cur);
+    rl = want;
+  }
+  if (rl.rlim_cur < needed) {
+    logLine(0, "warning: the limit of " + std::to_string(rl.rlim_cur) +
+                   " open files is below the " + std::to_string(needed) +
+                   " this configuration may use; connections beyond it wait "
+                   "in the listen backlog");
+  }
 }
 
 void Server::openTcp() {
@@ -144,7 +185,13 @@ void Server::openTcp() {
     }
     for (int fd : tcpFds_) close(fd);
     tcpFds_.clear();
-    if (attempt == tries) throw std::runtime_error(failure);
+    if (attempt == tries) {
+      throw std::runtime_error(
+          failure + (opts_.listen.size() > 1
+                         ? " (serving " + std::to_string(opts_.listen.size()) +
+                               " addresses)"
+                         : std::string()));
+    }
     TOVSIM_LOG(1, failure << "; trying another port");
   }
 }
@@ -182,8 +229,10 @@ void Server::writeReadyFile() {
 void Server::closeAll() {
   for (int fd : tcpFds_) close(fd);
   for (int fd : udpFds_) close(fd);
+  for (const MuteConn& m : mute_) close(m.fd);
   tcpFds_.clear();
   udpFds_.clear();
+  mute_.clear();
 }
 
 void Server::wake() {
@@ -212,11 +261,23 @@ int Server::run(int signalFd) {
     fds.push_back({wakePipe_[0], POLLIN, 0});
     fds.push_back({signalFd, POLLIN, 0});
     for (int fd : udpFds_) fds.push_back({fd, POLLIN, 0});
-    const bool room = static_cast<int>(workers_.size()) < opts_.maxConnections;
-    if (room) {
-      for (int fd : tcpFds_) fds.push_back({fd, POLLIN, 0});
+    // Listening sockets with room behind them: a thread for an answering
+    // node, a held slot for a mute one; none for a moment after running out
+    // of descriptors.
+    const bool paused = Clock::now() < acceptPausedUntil_;
+    const bool room =
+        !paused && static_cast<int>(workers_.size()) < opts_.maxConnections;
+    const bool muteRoom = !paused && mute_.size() < kMaxMuteHeld;
+    std::vector<std::size_t> polledTcp;
+    for (std::size_t i = 0; i < tcpFds_.size(); ++i) {
+      if (muteIdx_[i] ? muteRoom : room) {
+        fds.push_back({tcpFds_[i], POLLIN, 0});
+        polledTcp.push_back(i);
+      }
     }
-    int timeout = 1000;
+    const std::size_t polledMute = mute_.size();
+    for (const MuteConn& m : mute_) fds.push_back({m.fd, POLLIN, 0});
+    int timeout = paused ? kAcceptPauseMs : 1000;
     if (opts_.maxLifetimeSec > 0) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                             deadline - Clock::now())
@@ -255,11 +316,17 @@ int Server::run(int signalFd) {
     for (std::size_t i = 0; i < udpFds_.size(); ++i) {
       if (fds[2 + i].revents & POLLIN) answerProbe(i);
     }
-    if (room) {
-      const std::size_t base = 2 + udpFds_.size();
-      for (std::size_t i = 0; i < tcpFds_.size(); ++i) {
-        if (fds[base + i].revents & POLLIN) acceptOn(i);
+    // Mute connections first, from the back, so that closing one keeps
+    // the indices of the others; accepting appends behind them.
+    const std::size_t muteBase = 2 + udpFds_.size() + polledTcp.size();
+    for (std::size_t k = polledMute; k-- > 0;) {
+      if (fds[muteBase + k].revents != 0 && !readMute(mute_[k])) {
+        mute_.erase(mute_.begin() + static_cast<std::ptrdiff_t>(k));
       }
+    }
+    const std::size_t tcpBase = 2 + udpFds_.size();
+    for (std::size_t k = 0; k < polledTcp.size(); ++k) {
+      if (fds[tcpBase + k].revents & POLLIN) acceptOn(polledTcp[k]);
     }
   }
   // No new clients from here on; running exchanges finish (shutdown
@@ -284,20 +351,38 @@ int Server::run(int signalFd) {
 
 void Server::acceptOn(std::size_t idx) {
   for (int i = 0; i < 16; ++i) {
-    if (static_cast<int>(workers_.size()) >= opts_.maxConnections) return;
+    if (muteIdx_[idx]
+            ? mute_.size() >= kMaxMuteHeld
+            : static_cast<int>(workers_.size()) >= opts_.maxConnections) {
+      return;
+    }
     sockaddr_storage ss{};
     socklen_t len = sizeof ss;
     const int fd = accept4(tcpFds_[idx], reinterpret_cast<sockaddr*>(&ss), &len,
                            SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
-      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR &&
-          errno != ECONNABORTED) {
+      if (errno == EMFILE || errno == ENFILE) {
+        // The connection stays in the backlog; rest a moment instead of
+        // spinning on a socket that stays readable.
+        if (!acceptFailing_) {
+          logLine(0, sysError("accept") + "; pausing, connections wait");
+        }
+        acceptFailing_ = true;
+        acceptPausedUntil_ =
+            Clock::now() + std::chrono::milliseconds(kAcceptPauseMs);
+      } else if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR &&
+                 errno != ECONNABORTED) {
         logLine(0, sysError("accept"));
       }
       return;
     }
-    auto done = std::make_shared<std::atomic<bool>>(false);
+    acceptFailing_ = false;
     const std::string peer = peerName(ss);
+    if (muteIdx_[idx]) {
+      holdMute(fd, idx, peer);
+      continue;
+    }
+    auto done = std::make_shared<std::atomic<bool>>(false);
     try {
       workers_.push_back({std::thread([this, fd, idx, peer, done] {
                             serve(fd, idx, peer);
@@ -311,6 +396,39 @@ void Server::acceptOn(std::size_t idx) {
       return;
     }
   }
+}
+
+void Server::holdMute(int fd, std::size_t idx, const std::string& peer) {
+  TOVSIM_LOG(1, "connection from " << peer << " on " << opts_.listen[idx]
+                                   << " held without a salt (mute node)");
+  mute_.push_back({fd, idx, peer, Clock::now(), 0});
+}
+
+bool Server::readMute(MuteConn& m) {
+  char buf[4096];
+  for (int i = 0; i < 16; ++i) {
+    const ssize_t n = recv(m.fd, buf, sizeof buf, 0);
+    if (n > 0) {
+      m.received += static_cast<std::size_t>(n);
+      TOVSIM_LOG(
+          3, m.peer << ": ignoring \""
+                    << printable(std::string(buf, static_cast<std::size_t>(n)))
+                    << "\" (mute node)");
+      continue;
+    }
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+      return true;
+    }
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        Clock::now() - m.since)
+                        .count();
+    TOVSIM_LOG(2, m.peer << " left mute " << opts_.listen[m.idx] << " after "
+                         << ms << " ms (" << m.received
+                         << " byte(s) received and ignored)");
+    close(m.fd);
+    return false;
+  }
+  return true;
 }
 
 void Server::answerProbe(std::size_t idx) {
@@ -328,6 +446,11 @@ void Server::answerProbe(std::size_t idx) {
     if (!probe) {
       TOVSIM_LOG(2, "udp " << opts_.listen[idx] << ": ignored " << n
                            << "-byte datagram from " << peer);
+      continue;
+    }
+    if (muteIdx_[idx]) {
+      TOVSIM_LOG(1, "udp " << opts_.listen[idx] << ": discovery probe from "
+                           << peer << " not answered (mute node)");
       continue;
     }
     // Only ever to the probe's sender: nothing unasked, nothing broadcast.

@@ -23,9 +23,13 @@ struct ServerOptions {
   int readTimeoutMs = 5000;
   int maxLifetimeSec = 0;  // 0: no limit
   std::string readyFile;
-  int maxConnections = 32;
+  int maxConnections = 256;
   std::size_t maxFrame = 65536;
 };
+
+// Connections held open at the addresses of mute nodes; past this many,
+// further ones wait in the listen backlog (without a salt all the same).
+constexpr std::size_t kMaxMuteHeld = 1024;
 
 class Server {
  public:
@@ -49,12 +53,23 @@ class Server {
     std::thread thread;
     std::shared_ptr<std::atomic<bool>> done;
   };
+  // A connection to a mute node: accepted, read and ignored, never answered.
+  struct MuteConn {
+    int fd;
+    std::size_t idx;
+    std::string peer;
+    Clock::time_point since;
+    std::size_t received;
+  };
 
+  void checkFdLimit();
   void openTcp();
   void openUdp();
   void closeAll();
   void writeReadyFile();
   void acceptOn(std::size_t idx);
+  void holdMute(int fd, std::size_t idx, const std::string& peer);
+  bool readMute(MuteConn& m);
   void answerProbe(std::size_t idx);
   void serve(int fd, std::size_t idx, const std::string& peer);
   bool readFrame(int fd, const std::string& peer, std::string& content);
@@ -73,6 +88,10 @@ class Server {
   std::atomic<bool> abort_{false};  // stop now: signal, lifetime, halt
   std::atomic<bool> drain_{false};  // stop accepting, finish what runs
   std::list<Worker> workers_;
+  std::vector<MuteConn> mute_;
+  std::vector<bool> muteIdx_;              // listen index -> serves a mute node
+  Clock::time_point acceptPausedUntil_{};  // out of descriptors until then
+  bool acceptFailing_ = false;
   bool readyWritten_ = false;
 };
 
