@@ -64,7 +64,7 @@ if [[ $port == 1195 ]] && [[ -n $(ss -Hltn 'sport = :1195' 2>/dev/null) ]]; then
   port=0
 fi
 
-say "Starting the simulator: cluster 'democluster', nodes 127.0.0.1-3"
+say "Starting the simulator: cluster 'democluster', nodes 127.0.0.1-3 answering, node4 (127.0.0.4) silent"
 "$tovsim" --config "$root/examples/tovsim-demo.json" --port "$port" \
   --udp-port 1195 --max-lifetime 300 --ready-file "$work/ready" \
   2>"$work/sim.log" &
@@ -96,13 +96,19 @@ run "${at[@]}" probe
 say "The services of the cluster"
 run "${at[@]}" services
 
+say "The whole cluster at a glance: every node probed at once"
+run "${at[@]}" status
+
 say "Bouncing 'web', authenticated as demo"
 run "${at[@]}" "${auth[@]}" bounce web
 run "${at[@]}" services
 
 say "Stopping 'db'"
 run "${at[@]}" "${auth[@]}" stop db
-run "${at[@]}" services
+run "${at[@]}" status
+
+say "The check a monitoring system runs: WARNING (status 1), a node is silent and services are down"
+refused 1 "${at[@]}" check
 
 say "Starting 'db' again (automatic mode)"
 run "${at[@]}" "${auth[@]}" start db
