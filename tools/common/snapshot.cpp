@@ -12,6 +12,7 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -100,34 +101,168 @@ struct ProbeResult {
   double seconds;
 };
 
+// A probe worker: a process of its own, kept between snapshots so that a
+// tool taking one snapshot after another (a live view, an exporter) pays
+// for the processes once. Requests go down one pipe, results come up the
+// other. A worker that overruns its probe is killed, never reused.
 struct Worker {
   pid_t pid = -1;
-  int fd = -1;
+  int request = -1;  // parent's end: address and port for the next probe
+  int result = -1;   // parent's end: one ProbeResult per probe
   std::size_t node = 0;
   Clock::time_point end;
 };
 
-// Runs in the worker process: probes one node and reports on `fd`.
-[[noreturn]] void probeInWorker(const std::string& address,
-                                const std::string& port, double limit, int fd) {
-  // Nothing outlives the parent, and the deadline's interrupting signal is
-  // the parent's business: here an overdue probe simply ends the process.
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  signal(SIGALRM, SIG_DFL);
-  alarm(static_cast<unsigned>(std::ceil(limit)) + 1);
-  // The cache may hold this node's information from moments ago; the probe
-  // must ask the daemon itself.
-  tov1::tovCache.clearCache();
-  const auto begun = Clock::now();
-  int rc = -static_cast<int>(tov1::TOV_EXCEPT_ALLINFO);
-  try {
-    rc = tov1::tovNet.testNode(address, port);
-  } catch (...) {
+std::vector<Worker>& idleWorkers() {
+  static std::vector<Worker> idle;
+  return idle;
+}
+
+// Every pipe end the parent holds: a new worker closes them all, so that
+// the other workers see the end of their request pipe when the parent goes.
+std::vector<int>& parentEnds() {
+  static std::vector<int> ends;
+  return ends;
+}
+
+bool readAll(int fd, void* buf, std::size_t n) {
+  char* p = static_cast<char*>(buf);
+  while (n > 0) {
+    const ssize_t got = read(fd, p, n);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    p += got;
+    n -= static_cast<std::size_t>(got);
   }
-  const ProbeResult r{rc, secondsSince(begun)};
-  ssize_t ignored = write(fd, &r, sizeof r);
-  (void)ignored;
-  _exit(0);
+  return true;
+}
+
+bool writeAll(int fd, const void* buf, std::size_t n) {
+  const char* p = static_cast<const char*>(buf);
+  while (n > 0) {
+    const ssize_t put = write(fd, p, n);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    p += put;
+    n -= static_cast<std::size_t>(put);
+  }
+  return true;
+}
+
+// The worker's life: one probe per request until the parent closes the
+// request pipe or goes away.
+[[noreturn]] void serveProbes(int requests, int results, double limit) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // The deadline's interrupting signal is the parent's business: here a
+  // probe that overruns by far simply ends the process.
+  signal(SIGALRM, SIG_DFL);
+  signal(SIGPIPE, SIG_DFL);
+  for (;;) {
+    std::uint32_t sizes[2];
+    if (!readAll(requests, sizes, sizeof sizes) || sizes[0] > 4096 ||
+        sizes[1] > 64) {
+      _exit(0);
+    }
+    std::string address(sizes[0], '\0'), port(sizes[1], '\0');
+    if (!readAll(requests, &address[0], address.size()) ||
+        !readAll(requests, &port[0], port.size())) {
+      _exit(0);
+    }
+    alarm(static_cast<unsigned>(std::ceil(limit)) + 1);
+    // The cache may hold this node's information from an earlier probe;
+    // the probe must ask the daemon itself.
+    tov1::tovCache.clearCache();
+    const auto begun = Clock::now();
+    int rc = -static_cast<int>(tov1::TOV_EXCEPT_ALLINFO);
+    bool threw = false;
+    try {
+      rc = tov1::tovNet.testNode(address, port);
+    } catch (...) {
+      // The probe leaves standard error and colour behind when the refresh
+      // throws: this process is not to be trusted with another probe.
+      threw = true;
+    }
+    alarm(0);
+    const ProbeResult r{rc, secondsSince(begun)};
+    if (!writeAll(results, &r, sizeof r) || threw) _exit(0);
+  }
+}
+
+bool spawnWorker(Worker& w, double limit, std::string& why) {
+  int down[2], up[2];
+  if (pipe2(down, O_CLOEXEC) != 0) {
+    why = std::strerror(errno);
+    return false;
+  }
+  if (pipe2(up, O_CLOEXEC) != 0) {
+    why = std::strerror(errno);
+    close(down[0]);
+    close(down[1]);
+    return false;
+  }
+  const pid_t pid = fork();
+  if (pid == 0) {
+    for (int fd : parentEnds()) close(fd);
+    close(down[1]);
+    close(up[0]);
+    serveProbes(down[0], up[1], limit);
+  }
+  close(down[0]);
+  close(up[1]);
+  if (pid < 0) {
+    why = std::strerror(errno);
+    close(down[1]);
+    close(up[0]);
+    return false;
+  }
+  w.pid = pid;
+  w.request = down[1];
+  w.result = up[0];
+  parentEnds().push_back(w.request);
+  parentEnds().push_back(w.result);
+  return true;
+}
+
+void dropWorker(Worker& w, std::vector<pid_t>& ended) {
+  kill(w.pid, SIGKILL);
+  auto& ends = parentEnds();
+  ends.erase(std::remove_if(
+                 ends.begin(), ends.end(),
+                 [&w](int fd) { return fd == w.request || fd == w.result; }),
+             ends.end());
+  close(w.request);
+  close(w.result);
+  ended.push_back(w.pid);
+}
+
+// Reaped at the end, so that the ends of killed workers overlap.
+void reap(const std::vector<pid_t>& ended) {
+  for (pid_t pid : ended) {
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+}
+
+// Hands the probe of `address` to an idle worker, or to a new one.
+bool startProbe(Worker& w, const std::string& address, const std::string& port,
+                double limit, std::vector<pid_t>& ended, std::string& why) {
+  const std::uint32_t sizes[2] = {static_cast<std::uint32_t>(address.size()),
+                                  static_cast<std::uint32_t>(port.size())};
+  const std::string request =
+      std::string(reinterpret_cast<const char*>(sizes), sizeof sizes) +
+      address + port;
+  auto& idle = idleWorkers();
+  while (!idle.empty()) {
+    w = idle.back();
+    idle.pop_back();
+    if (writeAll(w.request, request.data(), request.size())) return true;
+    dropWorker(w, ended);  // it has gone away since
+  }
+  if (!spawnWorker(w, limit, why)) return false;
+  if (writeAll(w.request, request.data(), request.size())) return true;
+  why = "the probe worker went away";
+  dropWorker(w, ended);
+  return false;
 }
 
 void settle(NodeStatus& n, const ProbeResult& r) {
@@ -145,57 +280,54 @@ void giveUp(NodeStatus& n, const std::string& reason, double seconds) {
   n.seconds = seconds;
 }
 
-void endWorker(Worker& w, bool kill) {
-  if (kill) ::kill(w.pid, SIGKILL);
-  close(w.fd);
-  while (waitpid(w.pid, nullptr, 0) < 0 && errno == EINTR) {
-  }
-}
-
-void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline) {
+void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline,
+                double infoSeconds) {
   const double limit = opts.probeLimit > 0 ? opts.probeLimit : 2.5;
   const unsigned maxWorkers = std::max(1u, opts.maxWorkers);
-  // A worker inherits unwritten output; it must not write it a second time.
+  // A new worker inherits unwritten output; it must not write it again.
   std::cout.flush();
   std::cerr.flush();
   std::fflush(nullptr);
+  // A worker that has gone away must not end the program with SIGPIPE.
+  struct sigaction ignore {
+  }, saved{};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &ignore, &saved);
 
   std::vector<Worker> running;
+  std::vector<pid_t> ended;
   std::size_t next = 0;
   while (next < s.nodes.size() || !running.empty()) {
     while (next < s.nodes.size() && running.size() < maxWorkers &&
            !deadline.expired()) {
       NodeStatus& node = s.nodes[next];
-      int fds[2];
-      if (pipe2(fds, O_CLOEXEC) != 0) {
-        giveUp(node, std::string("cannot probe: ") + std::strerror(errno), 0);
+      if (node.address == s.host) {
+        // It has just answered the information request, which is what the
+        // probe would ask it again.
+        node.answers = true;
+        node.seconds = infoSeconds;
         ++next;
         continue;
       }
-      const pid_t pid = fork();
-      if (pid == 0) {
-        close(fds[0]);
-        probeInWorker(node.address, s.port, limit, fds[1]);
-      }
-      close(fds[1]);
-      if (pid < 0) {
-        giveUp(node, std::string("cannot probe: ") + std::strerror(errno), 0);
-        close(fds[0]);
+      Worker w;
+      std::string why;
+      if (!startProbe(w, node.address, s.port, limit, ended, why)) {
+        giveUp(node, "cannot probe: " + why, 0);
         ++next;
         continue;
       }
       ++s.exchanges;
-      running.push_back(
-          {pid, fds[0], next,
-           Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                              std::chrono::duration<double>(limit))});
+      w.node = next;
+      w.end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                 std::chrono::duration<double>(limit));
+      running.push_back(w);
       ++next;
     }
     if (deadline.expired()) {
       s.cut = s.cut || !running.empty() || next < s.nodes.size();
       for (Worker& w : running) {
         giveUp(s.nodes[w.node], "no answer before the deadline", limit);
-        endWorker(w, true);
+        dropWorker(w, ended);
       }
       running.clear();
       for (; next < s.nodes.size(); ++next) {
@@ -208,7 +340,7 @@ void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline) {
     std::vector<pollfd> fds;
     for (const Worker& w : running) {
       wake = std::min(wake, w.end);
-      fds.push_back({w.fd, POLLIN, 0});
+      fds.push_back({w.result, POLLIN, 0});
     }
     const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(
                             std::max(wake - Clock::now(), Clock::duration{}))
@@ -220,7 +352,7 @@ void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline) {
           std::string("cannot wait for the probe: ") + std::strerror(errno);
       for (Worker& w : running) {
         giveUp(s.nodes[w.node], why, 0);
-        endWorker(w, true);
+        dropWorker(w, ended);
       }
       running.clear();
       continue;
@@ -233,22 +365,24 @@ void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline) {
       NodeStatus& node = s.nodes[w.node];
       if (n > 0 && fds[i].revents != 0) {
         ProbeResult r{};
-        const ssize_t got = read(w.fd, &r, sizeof r);
-        if (got == static_cast<ssize_t>(sizeof r)) {
+        if (readAll(w.result, &r, sizeof r)) {
           settle(node, r);
+          idleWorkers().push_back(w);
         } else {
           giveUp(node, "the probe ended without a result", limit);
+          dropWorker(w, ended);
         }
-        endWorker(w, got != static_cast<ssize_t>(sizeof r));
       } else if (now >= w.end) {
         giveUp(node, "no answer within " + secondsText(limit) + " s", limit);
-        endWorker(w, true);
+        dropWorker(w, ended);
       } else {
         still.push_back(w);
       }
     }
     running.swap(still);
   }
+  reap(ended);
+  sigaction(SIGPIPE, &saved, nullptr);
 }
 
 nlohmann::json portJson(const std::string& port) {
@@ -331,7 +465,7 @@ Snapshot takeSnapshot(const SnapshotOptions& opts, Deadline& deadline) {
   s.code = positive(rc);
   if (s.ok()) {
     readInformation(s);
-    probeNodes(s, opts, deadline);
+    probeNodes(s, opts, deadline, secondsSince(begun));
   }
   s.seconds = secondsSince(begun);
   return s;
