@@ -44,7 +44,14 @@ struct Command {
       argv.push_back(store[i].data());
     }
     argv.push_back(nullptr);
-    for (char** e = environ; *e != nullptr; ++e) envp.push_back(*e);
+    for (char** e = environ; *e != nullptr; ++e) {
+      const std::string name(*e, std::strcspn(*e, "="));
+      bool replaced = false;
+      for (const std::string& v : opts.env) {
+        replaced = replaced || v.compare(0, name.size() + 1, name + "=") == 0;
+      }
+      if (!replaced) envp.push_back(*e);
+    }
     for (std::size_t i = args.size() + 1; i < store.size(); ++i) {
       envp.push_back(store[i].data());
     }
@@ -121,7 +128,11 @@ Outcome runTovctl(const std::vector<std::string>& args,
   }
 
   const auto limit = started + std::chrono::seconds(opts.limitSec);
-  bool typed = opts.type.empty();
+  std::vector<Step> steps;
+  if (!opts.type.empty()) steps.push_back({opts.waitFor, nullptr, opts.type});
+  steps.insert(steps.end(), opts.steps.begin(), opts.steps.end());
+  std::size_t step = 0;
+  std::size_t seen = 0;  // where the next step's text is looked for
   bool exited = false;
   int st = 0;
   // A terminal's master never reports end of file while the slave is open
@@ -149,9 +160,17 @@ Outcome runTovctl(const std::vector<std::string>& args,
         --live;
       }
     }
-    if (!typed && r.out.find(opts.waitFor) != std::string::npos) {
-      typed = write(master, opts.type.data(), opts.type.size()) ==
-              static_cast<ssize_t>(opts.type.size());
+    const std::size_t at = step < steps.size()
+                               ? r.out.find(steps[step].waitFor, seen)
+                               : std::string::npos;
+    if (at != std::string::npos) {
+      const Step& s = steps[step++];
+      seen = at + s.waitFor.size();
+      if (s.then) s.then();
+      if (write(master, s.type.data(), s.type.size()) !=
+          static_cast<ssize_t>(s.type.size())) {
+        step = steps.size();
+      }
     }
     if (opts.terminal) exited = waitpid(pid, &st, WNOHANG) == pid;
   }

@@ -2,6 +2,7 @@
 #ifndef TESTS_TOVCTL_RUN_TOOL_H
 #define TESTS_TOVCTL_RUN_TOOL_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,14 @@ struct Outcome {
   bool echoOn = true;  // on a terminal: echo was on again afterwards
 };
 
+// On a terminal, in order: once `waitFor` shows (after what the step before
+// waited for), `then` runs and `type` is typed.
+struct Step {
+  std::string waitFor;
+  std::function<void()> then;
+  std::string type;
+};
+
 struct RunOptions {
   std::string input;  // standard input (a pipe), else /dev/null
   // Standard input, output and error are one pseudo-terminal, the
@@ -23,7 +32,8 @@ struct RunOptions {
   bool terminal = false;
   std::string waitFor;  // on a terminal: once this shows, type `type`
   std::string type;
-  std::vector<std::string> env;  // NAME=VALUE, added to the environment
+  std::vector<Step> steps;       // on a terminal: after waitFor and type
+  std::vector<std::string> env;  // NAME=VALUE, replacing an inherited NAME
   long addressSpaceKb = 0;       // limit on the address space (ulimit -v)
   int limitSec = 20;             // killed after this long
 };

@@ -336,6 +336,8 @@ void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline,
       break;
     }
 
+    if (running.empty()) continue;  // every node left needed no worker
+
     Clock::time_point wake = Clock::now() + deadline.remaining();
     std::vector<pollfd> fds;
     for (const Worker& w : running) {

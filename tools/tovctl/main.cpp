@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "commands.h"
 #include "discovery.h"
 #include "session.h"
+#include "status.h"
 #include "tovapi/libtovapi.h"
 
 #ifndef TOVCTL_VERSION
@@ -183,6 +185,82 @@ void applyGlobals(Options& o) {
         "lookup?); stopping");
     std::_Exit(status);
   });
+}
+
+// A check speaks to a monitoring system, not to a person: every way it can
+// end is one status line on standard output and a status of 0 to 3.
+constexpr int kCheckUnknown = 3;
+
+int checkUnknown(const std::string& message) {
+  std::string text = message;
+  if (text.rfind("tovctl: ", 0) == 0) text.erase(0, 8);
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  const std::size_t nl = text.find('\n');
+  if (nl != std::string::npos) text.erase(nl);
+  std::cout << "TOVCLUSTER UNKNOWN - " << text << std::endl;
+  return kCheckUnknown;
+}
+
+// "-w 0" sets both thresholds, "-w 0,2" silent nodes and services apart,
+// "-w ,2" only the second.
+bool splitThresholds(const std::string& given,
+                     std::optional<tovctl::CheckRange>& silent,
+                     std::optional<tovctl::CheckRange>& down,
+                     std::string& why) {
+  if (given.empty()) return true;
+  const std::size_t comma = given.find(',');
+  const std::string first = given.substr(0, comma);
+  const std::string second =
+      comma == std::string::npos ? first : given.substr(comma + 1);
+  if (second.find(',') != std::string::npos) {
+    why = "at most two ranges";
+    return false;
+  }
+  tovctl::CheckRange r;
+  if (!first.empty()) {
+    if (!tovctl::CheckRange::parse(first, r, why)) return false;
+    silent = r;
+  }
+  if (!second.empty()) {
+    if (!tovctl::CheckRange::parse(second, r, why)) return false;
+    down = r;
+  }
+  return true;
+}
+
+int runCheck(Options& o, bool deadlineGiven, const std::string& warning,
+             const std::string& critical) {
+  o.json = false;
+  if (!deadlineGiven) o.deadline = 10;
+  try {
+    std::string refused;
+    {
+      tovctl::StreamCapture err(std::cerr, true);
+      try {
+        applyGlobals(o);
+      } catch (const tovctl::ExitNow&) {
+        refused = err.text();
+      }
+    }
+    if (!refused.empty()) return checkUnknown(refused);
+    tovctl::CheckOptions c;
+    tovctl::CheckRange zero;
+    std::string why;
+    tovctl::CheckRange::parse("0", zero, why);
+    c.warnSilent = zero;
+    c.warnDown = zero;
+    if (!splitThresholds(warning, c.warnSilent, c.warnDown, why)) {
+      return checkUnknown("-w " + warning + ": " + why);
+    }
+    if (!splitThresholds(critical, c.critSilent, c.critDown, why)) {
+      return checkUnknown("-c " + critical + ": " + why);
+    }
+    return tovctl::cmdCheck(o, c);
+  } catch (const tovctl::ExitNow& e) {
+    return e.status;
+  } catch (const std::exception& e) {
+    return checkUnknown(std::string("unexpected error: ") + e.what());
+  }
 }
 
 }  // namespace
@@ -364,6 +442,38 @@ int main(int argc, char** argv) {
   auto* services = app.add_subcommand("services", "list the services");
   on(services, [&] { return tovctl::cmdServices(o); });
 
+  tovctl::StatusOptions statusOpts;
+  auto* status = app.add_subcommand(
+      "status", "the whole cluster at a glance: nodes, services, summary");
+  status->add_flag("--watch", statusOpts.watch,
+                   "redraw it in place until q (one snapshot per interval "
+                   "when not on a terminal)");
+  status
+      ->add_option("--interval", statusOpts.interval,
+                   "seconds between snapshots (default: the cluster's poll "
+                   "time)")
+      ->type_name("SECONDS")
+      ->check(secondsIn(0.1, 3600.0));
+  status
+      ->add_option("--count", statusOpts.count,
+                   "end the live view after N snapshots")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000000).description(""));
+  on(status, [&] { return tovctl::cmdStatus(o, statusOpts); });
+
+  std::string checkWarning, checkCritical;
+  auto* check = app.add_subcommand(
+      "check", "a check for monitoring systems (status 0 OK to 3 UNKNOWN)");
+  check
+      ->add_option("-w,--warning", checkWarning,
+                   "WARNING outside RANGE[,RANGE] of silent nodes and of "
+                   "services not running (default 0,0)")
+      ->type_name("RANGE");
+  check
+      ->add_option("-c,--critical", checkCritical,
+                   "CRITICAL outside RANGE[,RANGE] (default: none)")
+      ->type_name("RANGE");
+
   std::string sendLine;
   auto* send = app.add_subcommand(
       "send", "send one raw request line (once) and print the reply");
@@ -403,6 +513,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    if (commandWord(app, argc, argv) == "check") {
+      return checkUnknown(std::string("usage: ") + e.what());
+    }
     // The options were not all read: --json and -H count as given anyway.
     tovctl::setJsonOutput(
         std::find_if(argv + 1, argv + argc, [](const char* a) {
@@ -424,6 +537,10 @@ int main(int argc, char** argv) {
                                " (see tovctl --help)");
   }
 
+  if (check->parsed()) {
+    return runCheck(o, app.get_option("--deadline")->count() > 0, checkWarning,
+                    checkCritical);
+  }
   try {
     applyGlobals(o);
     for (const auto& h : handlers) {

@@ -31,7 +31,7 @@ bool isInteger(const std::string& s) {
 
 }  // namespace
 
-void printTable(std::ostream& out, const std::vector<Row>& given) {
+std::vector<std::string> tableLines(const std::vector<Row>& given) {
   // Cells hold daemon text: escaped first, so the columns still line up.
   std::vector<Row> rows = given;
   for (Row& r : rows) {
@@ -44,14 +44,21 @@ void printTable(std::ostream& out, const std::vector<Row>& given) {
       width[c] = std::max(width[c], r[c].size());
     }
   }
+  std::vector<std::string> lines;
   for (const Row& r : rows) {
     std::string line;
     for (std::size_t c = 0; c < r.size(); ++c) {
       line += r[c];
       if (c + 1 < r.size()) line.append(width[c] - r[c].size() + 2, ' ');
     }
-    out << line << '\n';
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    lines.push_back(line);
   }
+  return lines;
+}
+
+void printTable(std::ostream& out, const std::vector<Row>& rows) {
+  for (const std::string& line : tableLines(rows)) out << line << '\n';
 }
 
 nlohmann::json numberOrText(const std::string& field) {

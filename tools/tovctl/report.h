@@ -16,6 +16,7 @@ using Row = std::vector<std::string>;
 // Left-aligned columns, two blanks apart, no trailing blanks; cells are shown
 // escaped on a terminal.
 void printTable(std::ostream& out, const std::vector<Row>& rows);
+std::vector<std::string> tableLines(const std::vector<Row>& rows);
 
 // A record field as a JSON number when it is a decimal integer, else as text.
 nlohmann::json numberOrText(const std::string& field);

@@ -1,0 +1,70 @@
+// The cluster at a glance: `status` (one snapshot as a screen or as JSON),
+// its live view (`status --watch`) and `check` for monitoring systems.
+#ifndef TOOLS_TOVCTL_STATUS_H
+#define TOOLS_TOVCTL_STATUS_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/snapshot.h"
+#include "session.h"
+
+namespace tovctl {
+
+// How a line of the status screen is shown on a terminal.
+enum class Tone { Plain, Heading, Good, Problem };
+
+struct ScreenLine {
+  std::string text;  // daemon text already escaped where it is shown
+  Tone tone = Tone::Plain;
+  bool changed = false;  // differs from the previous snapshot
+};
+
+// The status screen: cluster lines, a table of nodes, a table of services
+// and the summary line. With `before`, the nodes and services that differ
+// from it are marked changed (and a "*" precedes them).
+std::vector<ScreenLine> statusScreen(const tovtools::Snapshot& now,
+                                     const tovtools::Snapshot* before);
+
+// A snapshot of the cluster that -H names, within a deadline of its own
+// (--deadline). A call that no signal ends (a name lookup) runs `overrun`
+// half a second after the deadline; by default it reports and exits.
+tovtools::Snapshot snapshotOf(const Options& o,
+                              const std::function<void()>& overrun);
+tovtools::Snapshot snapshotOf(const Options& o);
+
+struct StatusOptions {
+  bool watch = false;
+  double interval = 0;  // 0: the cluster's poll time
+  unsigned count = 0;   // snapshots before the live view ends; 0: no limit
+};
+
+int cmdStatus(const Options& o, const StatusOptions& s);
+
+// The live view; cmdStatus hands over to it for --watch.
+int watchStatus(const Options& o, const StatusOptions& s);
+
+// A threshold in the Monitoring Plugins range syntax: "10" (alert outside
+// 0..10), "10:" (below 10), "~:10" (above 10), "10:20", "@10:20" (alert
+// inside).
+struct CheckRange {
+  std::string text;
+  bool inside = false;
+  double low = 0;
+  double high = 0;
+  static bool parse(const std::string& text, CheckRange& out, std::string& why);
+  bool alerts(double value) const;
+};
+
+// Thresholds for silent nodes and for services not running.
+struct CheckOptions {
+  std::optional<CheckRange> warnSilent, critSilent, warnDown, critDown;
+};
+
+int cmdCheck(const Options& o, const CheckOptions& c);
+
+}  // namespace tovctl
+
+#endif  // TOOLS_TOVCTL_STATUS_H
