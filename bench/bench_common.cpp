@@ -19,6 +19,7 @@ Sizes makeSizes(bool quick) {
   s.replyPairs16M = 4;
   s.discoveryPairs = 5;
   s.serviceCalls = 100;
+  s.snapshotPairs = 50;
   s.simLifetimeSec = 120;
   return s;
 }

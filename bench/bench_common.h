@@ -27,6 +27,7 @@ struct Sizes {
   int replyPairs16M = 30;    // pairs of 16 MiB fetches
   int discoveryPairs = 50;   // pairs of 1,000 and 10,000-answer reports
   int serviceCalls = 1000;   // pairs of serviceCommand + forced refresh
+  int snapshotPairs = 500;   // snapshots, each with an exchange and a probe
   int simLifetimeSec = 900;  // upper bound for every server started
 };
 
@@ -36,6 +37,7 @@ void registerExchange(const Sizes& sizes);
 void registerReply(const Sizes& sizes);
 void registerDiscovery(const Sizes& sizes);
 void registerServiceCommand(const Sizes& sizes);
+void registerSnapshot(const Sizes& sizes);
 
 using Clock = std::chrono::steady_clock;
 
