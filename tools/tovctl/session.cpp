@@ -191,12 +191,12 @@ Session::Session(const Options& opts, std::string host)
   setTarget(host_, opts_.port);
 }
 
-std::string Session::label() const {
-  if (host_.find(':') != std::string::npos) {
-    return "[" + host_ + "]:" + port_;
-  }
-  return host_ + ":" + port_;
+std::string hostPortLabel(const std::string& host, const std::string& port) {
+  return host.find(':') != std::string::npos ? "[" + host + "]:" + port
+                                             : host + ":" + port;
 }
+
+std::string Session::label() const { return hostPortLabel(host_, port_); }
 
 void Session::refreshCache(bool force, const std::string& doing) {
   const int rc = bounded(doing, label(), [&] {

@@ -167,6 +167,9 @@ class Session {
 
 Reply parseReply(const std::string& text);
 
+// host:port, with brackets around an IPv6 address.
+std::string hostPortLabel(const std::string& host, const std::string& port);
+
 // Names of a service for messages: "service 0 (web)" or "service 3".
 std::string describe(const ServiceRef& s);
 

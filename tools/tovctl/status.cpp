@@ -43,11 +43,6 @@ std::string fixed(double seconds, int digits) {
   return buf;
 }
 
-std::string labelOf(const std::string& host, const std::string& port) {
-  return host.find(':') != std::string::npos ? "[" + host + "]:" + port
-                                             : host + ":" + port;
-}
-
 // A service that should run and does not: broken, or not running although
 // the daemon is to keep it running.
 bool serviceProblem(const ServiceStatus& v) {
@@ -157,7 +152,7 @@ std::vector<ScreenLine> statusScreen(const Snapshot& now,
                      "; daemon started " + localTime(c.startTime),
                  Tone::Plain, false});
   out.push_back({shown("Taken " + localTime(now.takenAt) + " through " +
-                       labelOf(now.host, now.port) + " in " +
+                       hostPortLabel(now.host, now.port) + " in " +
                        fixed(now.seconds, 2) + " s"),
                  Tone::Plain, false});
   out.push_back({"", Tone::Plain, false});
@@ -217,7 +212,7 @@ tovtools::Snapshot snapshotOf(const Options& o,
 
 tovtools::Snapshot snapshotOf(const Options& o) {
   const std::string what =
-      "status of " + labelOf(o.host, std::to_string(o.port));
+      "status of " + hostPortLabel(o.host, std::to_string(o.port));
   const double seconds = o.deadline;
   return snapshotOf(o, [what, seconds] {
     std::_Exit(reportDeadline(
@@ -230,7 +225,7 @@ tovtools::Snapshot snapshotOf(const Options& o) {
 int cmdStatus(const Options& o, const StatusOptions& st) {
   if (st.watch) return watchStatus(o, st);
   const Snapshot snap = snapshotOf(o);
-  const std::string label = labelOf(snap.host, snap.port);
+  const std::string label = hostPortLabel(snap.host, snap.port);
   const std::string what = "status of the cluster through " + label;
   if (snap.expired) {
     return reportDeadline(what, o.deadline,
@@ -321,7 +316,7 @@ int cmdCheck(const Options& o, const CheckOptions& c) {
               << std::endl;
     std::_Exit(kUnknown);
   });
-  const std::string label = labelOf(snap.host, snap.port);
+  const std::string label = hostPortLabel(snap.host, snap.port);
   if (snap.expired || snap.cut) {
     checkExit(kUnknown, "deadline of " + tovtools::secondsText(o.deadline) +
                             " s expired while " +
