@@ -18,7 +18,7 @@ build: deps
 # A narrated session against a simulated three-node cluster on loopback.
 demo: deps
 	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
-	cmake --build $(BUILD) -j $(JOBS) --target tovctl tovsim
+	cmake --build $(BUILD) -j $(JOBS) --target tovctl tovsim tovexporter
 	scripts/demo.sh $(BUILD)
 
 test: build

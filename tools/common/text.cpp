@@ -77,6 +77,23 @@ std::string escapeControls(const std::string& text, bool keepLineFeeds) {
   return out;
 }
 
+std::string validUtf8(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const std::size_t len = c < 0x80 ? 1 : sequenceAt(text, i);
+    if (len == 0) {
+      out += "\xEF\xBF\xBD";
+      ++i;
+    } else {
+      out.append(text, i, len);
+      i += len;
+    }
+  }
+  return out;
+}
+
 std::string jsonText(const nlohmann::json& value, int indent) {
   return value.dump(indent, ' ', false,
                     nlohmann::json::error_handler_t::replace);

@@ -13,6 +13,10 @@ namespace tovtools {
 // text, backslashes included, stays as it is.
 std::string escapeControls(const std::string& text, bool keepLineFeeds);
 
+// The text with every byte that is not part of well-formed UTF-8 replaced
+// by U+FFFD, for formats that must be UTF-8.
+std::string validUtf8(const std::string& text);
+
 // Compact or indented JSON that never fails on bytes: text that is not
 // well-formed UTF-8 has the offending bytes replaced by U+FFFD.
 std::string jsonText(const nlohmann::json& value, int indent = 2);
