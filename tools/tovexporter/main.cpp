@@ -172,6 +172,10 @@ int main(int argc, char** argv) {
   sigaddset(&stops, SIGTERM);
   sigaddset(&stops, SIGINT);
   pthread_sigmask(SIG_BLOCK, &stops, nullptr);
+  // A shell that starts it in the background ignores SIGINT for it; an
+  // ignored signal never reaches sigwait().
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
   signal(SIGPIPE, SIG_IGN);
 
   tovexporter::Scraper scraper(targets);
@@ -197,7 +201,12 @@ int main(int argc, char** argv) {
   if (bound <= 0) {
     return fail("cannot listen on " + listen + ": " + std::strerror(errno));
   }
-  if (!readyFile.empty()) std::ofstream(readyFile) << bound << '\n';
+  if (!readyFile.empty()) {
+    // Whole or not at all: a script may read it the moment it appears.
+    const std::string part = readyFile + ".part";
+    std::ofstream(part) << bound << '\n';
+    std::rename(part.c_str(), readyFile.c_str());
+  }
   std::fprintf(stderr, "tovexporter: serving /metrics on %s port %d\n",
                address.c_str(), bound);
 
