@@ -4,21 +4,26 @@
 # Nothing leaves the machine: discovery is aimed at 127.0.0.1, never
 # broadcast, and the simulator stops when the demo ends.
 # A step that should succeed and fails ends the demo with a message naming
-# it, and a non-zero status. TOVCTL and TOVSIM may name other binaries;
-# TOVDEMO_PORT=0 lets the kernel pick the TCP port.
+# it, and a non-zero status. TOVCTL, TOVSIM and TOVEXPORTER may name other
+# binaries; TOVDEMO_PORT=0 lets the kernel pick the TCP port.
 set -euo pipefail
 build=${1:-build}
 root=$(cd "$(dirname "$0")/.." && pwd)
 tovctl=${TOVCTL:-$build/tools/tovctl/tovctl}
 tovsim=${TOVSIM:-$build/tools/tovsim/tovsim}
+tovexporter=${TOVEXPORTER:-$build/tools/tovexporter/tovexporter}
 work=$(mktemp -d)
 sim_pid=
+exporter_pid=
 step=
 finish() {
-  if [[ -n $sim_pid ]] && kill -0 "$sim_pid" 2>/dev/null; then
-    kill "$sim_pid"
-    wait "$sim_pid" 2>/dev/null || true
-  fi
+  local pid
+  for pid in "$exporter_pid" "$sim_pid"; do
+    if [[ -n $pid ]] && kill -0 "$pid" 2>/dev/null; then
+      kill "$pid"
+      wait "$pid" 2>/dev/null || true
+    fi
+  done
   rm -rf "$work"
 }
 trap finish EXIT
@@ -127,6 +132,46 @@ for _ in $(seq 200); do [[ -s $work/stalled ]] && break; sleep 0.05; done
 refused 98 -H "127.0.0.1:$(cat "$work/stalled")" --deadline 2 services
 kill "$stalled_pid"
 wait "$stalled_pid" 2>/dev/null || true
+
+say "The cluster as Prometheus metrics: tovexporter on 127.0.0.1, a fresh snapshot per scrape"
+printf '$ %s\n' "tovexporter --listen 127.0.0.1:0 --ready-file $work/exporter -H 127.0.0.1:$port &"
+"$tovexporter" --listen 127.0.0.1:0 --ready-file "$work/exporter" \
+  -H "127.0.0.1:$port" 2>"$work/exporter.log" &
+exporter_pid=$!
+for _ in $(seq 200); do
+  [[ -s $work/exporter ]] && break
+  kill -0 "$exporter_pid" 2>/dev/null || break
+  sleep 0.05
+done
+if [[ ! -s $work/exporter ]]; then
+  cat "$work/exporter.log" >&2
+  die "step \"$step\" failed: the exporter did not start (its log is above)"
+fi
+url=http://127.0.0.1:$(cat "$work/exporter")/metrics
+echo "serving $url"
+shown='^tov_(up|node_up|service_state.*\} 1$)'
+printf '$ %s\n' "curl -s $url | grep -E '$shown'"
+status=0
+curl -sS --max-time 20 -o "$work/metrics" "$url" || status=$?
+((status == 0)) || die "step \"$step\" failed: curl $url exited with status $status"
+grep -E "$shown" "$work/metrics" || true
+grep -qx 'tov_up 1' "$work/metrics" ||
+  die "step \"$step\" failed: the exporter could not read the cluster (tov_up is not 1)"
+echo "($(grep -vc '^#' "$work/metrics") samples in all)"
+kill "$exporter_pid"
+for _ in $(seq 100); do
+  kill -0 "$exporter_pid" 2>/dev/null || break
+  sleep 0.05
+done
+if kill -0 "$exporter_pid" 2>/dev/null; then
+  kill -KILL "$exporter_pid"
+  die "step \"$step\" failed: the exporter did not stop within 5 s of SIGTERM"
+fi
+status=0
+wait "$exporter_pid" || status=$?
+exporter_pid=
+((status == 0)) || die "step \"$step\" failed: the exporter exited with status $status after SIGTERM"
+echo "the exporter stopped on SIGTERM (status 0)"
 
 say "Stopping the simulator"
 kill "$sim_pid"

@@ -14,7 +14,8 @@ prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in include/tovapi/libtovapi.h include/tovlib/tovcon.h \
          lib/cmake/tovapi/tovapiConfig.cmake lib/pkgconfig/tovapi.pc \
-         bin/tovsim share/man/man1/tovsim.1; do
+         bin/tovsim share/man/man1/tovsim.1 bin/tovexporter \
+         share/man/man1/tovexporter.1 lib/systemd/system/tovexporter.service; do
   [[ -e $prefix/$f ]] || { echo "missing after install: $f"; exit 1; }
 done
 soname=$(objdump -p "$prefix"/lib/libtovapi.so | awk '/SONAME/ {print $2}')

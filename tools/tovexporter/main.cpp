@@ -131,7 +131,13 @@ int main(int argc, char** argv) {
                  "the password is the first line of FILE (private to its "
                  "owner)")
       ->type_name("FILE");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    app.exit(e);
+    return 2;
+  }
 
   std::vector<tovexporter::Target> targets;
   for (const std::string& h : hosts) {
