@@ -106,6 +106,185 @@ ssize_t sendWithoutSigpipe(int fd, const char* data, size_t len) {
   return sent;
 }
 
+// ---- The steps of one request exchange, in the order tovcomms takes them.
+
+const char* const kExchange = "TOVNet::tovcomms()";
+
+void traceExchangeCall(const std::string& address, const std::string& port,
+                       const std::string& command,
+                       const std::vector<std::string>& authvec,
+                       const std::string& data) {
+  if (level() > 1) trace({"TOVNet::tovcomms(): called"});
+  if (level() > 1) trace({"TOVNet::tovcomms(): address  = ", address});
+  if (level() > 1) trace({"TOVNet::tovcomms(): port     = ", port});
+  if (level() > 1) trace({"TOVNet::tovcomms(): command  = ", command});
+  if (level() == 3)
+    trace({"TOVNet::tovcomms(): authvec  = ", tovUtils::vectostr(authvec)});
+  if (level() == 3) trace({"TOVNet::tovcomms(): data     = ", data});
+  if (level() == 3)
+    trace(
+        {"TOVNet::tovcomms(): ===== TOVCOMMS OUTPUT FOR ", address, " ====="});
+}
+
+// An authentication vector is empty (no authentication) or a user and a
+// digest; anything else is refused before any traffic.
+int checkAuthVector(const std::vector<std::string>& authvec) {
+  if (authvec.empty()) {
+    if (level() > 1)
+      trace({"TOVNet::tovcomms(): warning: empty authentication ",
+             "vector detected"});
+  } else if (authvec.size() == 1) {
+    report(kExchange, {"authentication vector with no digest detected"});
+    return tovDebug.setError(TOV_AUTH_DIGEST);
+  } else if (authvec.size() > 2) {
+    report(kExchange, {"invalid authentication vector detected"});
+    return tovDebug.setError(TOV_AUTH_INVALID);
+  }
+  return 0;
+}
+
+// Empty address and port mean the local daemon on its usual port.
+int resolve(std::string& address, std::string& port, int prefAF,
+            addrinfo*& res) {
+  addrinfo hints;
+  std::memset(&hints, 0, sizeof hints);
+  hints.ai_flags = AI_PASSIVE;
+  hints.ai_family =
+      (prefAF == AF_INET || prefAF == AF_INET6) ? prefAF : AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  if (address.empty()) address = "127.0.0.1";
+  if (port.empty()) port = "1195";
+  if (getaddrinfo(address.c_str(), port.c_str(), &hints, &res) != 0) {
+    report(kExchange, {"failed to get address info for ", address, ":", port});
+    return tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
+  }
+  return 0;
+}
+
+// Waits for the salt to arrive within the client's timeout; a timeout of
+// zero waits without bound.
+int awaitSalt(int sock, int timeoutSec, int timeoutUsec,
+              const std::string& address, const std::string& port) {
+  timeval saltWait;
+  saltWait.tv_sec = timeoutSec;
+  saltWait.tv_usec = timeoutUsec;
+  if (saltWait.tv_sec == 0 && saltWait.tv_usec == 0) return 0;
+  fd_set readSet;
+  FD_ZERO(&readSet);
+  if (level() == 3) trace({"TOVNet::tovcomms(): calling select()"});
+  int sel = -1;
+  if (selectable(sock)) {
+    FD_SET(sock, &readSet);
+    sel = select(sock + 1, &readSet, nullptr, nullptr, &saltWait);
+  } else {
+    errno = EINVAL;
+  }
+  if (sel == 0) {
+    report(kExchange, {"network timed out connecting to ", address, ":", port});
+    return tovDebug.setError(TOV_SOCK_TIMEOUT);
+  }
+  if (sel == -1) {
+    report(kExchange, {"select() error [", std::strerror(errno),
+                       "] address:port=", address, ":", port});
+    return tovDebug.setError(TOV_SOCK_SELECT);
+  }
+  return 0;
+}
+
+// One receive of up to 8 bytes; the salt is always taken as 8 bytes,
+// NUL-padded when fewer arrived.
+int readSalt(int sock, const std::string& address, const std::string& port,
+             std::string& saltStr) {
+  char saltBuf[8];
+  std::memset(saltBuf, 0, sizeof saltBuf);
+  errno = 0;  // a closed connection sets none; show no stale text
+  const ssize_t saltCount = recv(sock, saltBuf, sizeof saltBuf, 0);
+  const int saltErrno = errno;
+  if (level() > 1)
+    trace({"TOVNet::tovcomms(): received ", saltCount,
+           " byte(s) in salt response"});
+  if (saltCount < 0) {
+    report(kExchange, {"failed to receive salt from host: ", address, ":", port,
+                       " [", std::strerror(saltErrno), "]"});
+    return tovDebug.setError(TOV_COMMS_SALT);
+  }
+  if (saltCount == 0) {
+    report(kExchange, {"host didn't return a salt: ", address, ":", port, " [",
+                       std::strerror(saltErrno), "]"});
+    return tovDebug.setError(TOV_COMMS_SALT);
+  }
+  saltStr.append(saltBuf, sizeof saltBuf);
+  return 0;
+}
+
+// Each search starts one past the previous position, so a line feed at
+// position 0, and the second of two adjacent ones, stay.
+void stripLineFeeds(std::string& command) {
+  if (level() == 3)
+    trace({"TOVNet::tovcomms(): checking command string for ",
+           "newline characters"});
+  std::string::size_type found = 0;
+  while (found != std::string::npos) {
+    found = command.find('\n', found + 1);
+    if (found != std::string::npos) {
+      if (level() == 3)
+        trace({"TOVNet::tovcomms(): erasing newline found at: ", found});
+      command.erase(found, 1);
+    } else if (level() == 3) {
+      trace({"TOVNet::tovcomms(): newline not found in string"});
+    }
+  }
+  if (level() > 1) trace({"TOVNet::tovcomms(): command string : ", command});
+}
+
+// Adds the authentication line made from the salt to the command.
+void sign(std::string& command, const std::vector<std::string>& authvec,
+          const std::string& saltStr) {
+  if (level() > 1) trace({"TOVNet::tovcomms(): auth object provided"});
+  std::ostringstream saltStream;
+  saltStream << std::setw(8) << std::setfill('0') << saltStr;
+  if (level() == 3) trace({"TOVNet::tovcomms(): saltStr = ", saltStr});
+  std::stringstream hexStream;
+  hexStream << std::setw(8) << std::setfill('0') << saltStr;
+  std::uint32_t saltValue = 0;
+  hexStream >> std::hex >> saltValue;
+  static_cast<void>(saltValue);
+  const std::string binsalt = tovAuth.getBin(saltStream.str());
+  const std::string authline =
+      tovAuth.generateAuthline(authvec, binsalt, command);
+  command = command + "\n" + authline;
+  if (level() > 1)
+    trace({"TOVNet::tovcomms(): output content [Length = ", command.length(),
+           "] = ", command});
+}
+
+// The request frame: command, line feed, data, and a terminating NUL.
+int sendFrame(int sock, const std::string& command, const std::string& data) {
+  std::string request = command + "\n";
+  if (!data.empty()) request += data;
+  // A NUL inside the text cuts the copy there; the length sent stays.
+  std::vector<char> frame(request.length() + 1, '\0');
+  std::strcpy(frame.data(), request.c_str());
+  if (level() == 3) {
+    const std::size_t frameLen = std::strlen(frame.data());
+    trace({"TOVNet::tovcomms(): command length = ", command.length()});
+    trace({"TOVNet::tovcomms(): data length = ", data.length()});
+    trace({"TOVNet::tovcomms(): command length (with newline) = ", frameLen});
+    trace({"TOVNet::tovcomms(): message to tov [length = ", frameLen,
+           "]\n*****start of message buffer*****\n", frame.data(),
+           "\n*****end of message buffer *****\n"});
+  }
+  const ssize_t sent =
+      sendWithoutSigpipe(sock, frame.data(), request.length() + 1);
+  if (sent < 0) {
+    report(kExchange,
+           {"send() command reported an error [", std::strerror(errno), "]"});
+    return tovDebug.setError(TOV_SOCK_SEND);
+  }
+  if (level() == 3) trace({"TOVNet::tovcomms(): sent ", sent, " bytes"});
+  return 0;
+}
+
 // Reads the reply until the daemon closes the connection. Only a close ends
 // a reply; the buffer is stored only then.
 int collectReply(int sock, char*& buffer, const std::string& saltStr,
@@ -417,59 +596,23 @@ int TOVNet::connectTimeout(int sockfd, const sockaddr* addr, socklen_t addrlen,
 int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
                      std::string command, std::vector<std::string> authvec,
                      std::string data) {
-  const std::string where = "TOVNet::tovcomms()";
-  if (level() > 1) trace({"TOVNet::tovcomms(): called"});
-  if (level() > 1) trace({"TOVNet::tovcomms(): address  = ", address});
-  if (level() > 1) trace({"TOVNet::tovcomms(): port     = ", port});
-  if (level() > 1) trace({"TOVNet::tovcomms(): command  = ", command});
-  if (level() == 3)
-    trace({"TOVNet::tovcomms(): authvec  = ", tovUtils::vectostr(authvec)});
-  if (level() == 3) trace({"TOVNet::tovcomms(): data     = ", data});
-
-  addrinfo* res = nullptr;
-  if (level() == 3)
-    trace(
-        {"TOVNet::tovcomms(): ===== TOVCOMMS OUTPUT FOR ", address, " ====="});
-
-  if (authvec.empty()) {
-    if (level() > 1)
-      trace({"TOVNet::tovcomms(): warning: empty authentication ",
-             "vector detected"});
-  } else if (authvec.size() == 1) {
-    report(where, {"authentication vector with no digest detected"});
-    return tovDebug.setError(TOV_AUTH_DIGEST);
-  } else if (authvec.size() > 2) {
-    report(where, {"invalid authentication vector detected"});
-    return tovDebug.setError(TOV_AUTH_INVALID);
-  }
+  traceExchangeCall(address, port, command, authvec, data);
+  const int refused = checkAuthVector(authvec);
+  if (refused != 0) return refused;
   const bool authenticated = authvec.size() == 2;
 
-  addrinfo hints;
-  std::memset(&hints, 0, sizeof hints);
-  hints.ai_flags = AI_PASSIVE;
-  hints.ai_family =
-      (pref_AF == AF_INET || pref_AF == AF_INET6) ? pref_AF : AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  if (address.empty()) address = "127.0.0.1";
-  if (port.empty()) port = "1195";
-  if (getaddrinfo(address.c_str(), port.c_str(), &hints, &res) != 0) {
-    report(where, {"failed to get address info for ", address, ":", port});
-    return tovDebug.setError(TOV_SOCK_RESOLVE_HOST);
-  }
+  addrinfo* res = nullptr;
+  const int unresolved = resolve(address, port, pref_AF, res);
+  if (unresolved != 0) return unresolved;
   if (level() == 3)
     trace({"TOVNet::tovcomms(): creating socket with IP version : ",
            getIpFamily(res->ai_family)});
 
-  std::string saltStr;
   const int sock = socket(res->ai_family, res->ai_socktype, res->ai_protocol);
-  timeval saltWait;
-  saltWait.tv_sec = timeoutSec;
-  saltWait.tv_usec = timeoutUsec;
-
   // Everything from here on ends in the common closing step below.
   auto exchange = [&]() -> int {
     if (sock == -1) {
-      report(where, {"Failed to create the socket"});
+      report(kExchange, {"Failed to create the socket"});
       return tovDebug.setError(TOV_SOCK_CREATE);
     }
     if (level() > 1)
@@ -478,117 +621,24 @@ int TOVNet::tovcomms(char*& buffer, std::string address, std::string port,
     // Only a negative result counts as a failed connect here.
     if (connectTimeout(sock, res->ai_addr, res->ai_addrlen, timeoutSec,
                        timeoutUsec) < 0) {
-      report(where, {"cannot connect to server ", address, ": ",
-                     std::strerror(errno)});
+      report(kExchange, {"cannot connect to server ", address, ": ",
+                         std::strerror(errno)});
       return tovDebug.setError(TOV_SOCK_CONNECT);
     }
-
-    if (saltWait.tv_sec != 0 || saltWait.tv_usec != 0) {
-      fd_set readSet;
-      FD_ZERO(&readSet);
-      if (level() == 3) trace({"TOVNet::tovcomms(): calling select()"});
-      int sel = -1;
-      if (selectable(sock)) {
-        FD_SET(sock, &readSet);
-        sel = select(sock + 1, &readSet, nullptr, nullptr, &saltWait);
-      } else {
-        errno = EINVAL;
-      }
-      if (sel == 0) {
-        report(where, {"network timed out connecting to ", address, ":", port});
-        return tovDebug.setError(TOV_SOCK_TIMEOUT);
-      }
-      if (sel == -1) {
-        report(where, {"select() error [", std::strerror(errno),
-                       "] address:port=", address, ":", port});
-        return tovDebug.setError(TOV_SOCK_SELECT);
-      }
-    }
-
+    int rc = awaitSalt(sock, timeoutSec, timeoutUsec, address, port);
+    if (rc != 0) return rc;
     if (command.empty()) command = "CCN";
-    char saltBuf[8];
-    std::memset(saltBuf, 0, sizeof saltBuf);
-    errno = 0;  // a closed connection sets none; show no stale text
-    const ssize_t saltCount = recv(sock, saltBuf, sizeof saltBuf, 0);
-    const int saltErrno = errno;
-    if (level() > 1)
-      trace({"TOVNet::tovcomms(): received ", saltCount,
-             " byte(s) in salt response"});
-    if (saltCount < 0) {
-      report(where, {"failed to receive salt from host: ", address, ":", port,
-                     " [", std::strerror(saltErrno), "]"});
-      return tovDebug.setError(TOV_COMMS_SALT);
-    }
-    if (saltCount == 0) {
-      report(where, {"host didn't return a salt: ", address, ":", port, " [",
-                     std::strerror(saltErrno), "]"});
-      return tovDebug.setError(TOV_COMMS_SALT);
-    }
-    // The salt is always taken as 8 bytes, NUL-padded when fewer arrived.
-    saltStr.append(saltBuf, sizeof saltBuf);
-
-    // Each search starts one past the previous position, so a line feed at
-    // position 0, and the second of two adjacent ones, stay.
-    if (level() == 3)
-      trace({"TOVNet::tovcomms(): checking command string for ",
-             "newline characters"});
-    std::string::size_type found = 0;
-    while (found != std::string::npos) {
-      found = command.find('\n', found + 1);
-      if (found != std::string::npos) {
-        if (level() == 3)
-          trace({"TOVNet::tovcomms(): erasing newline found at: ", found});
-        command.erase(found, 1);
-      } else if (level() == 3) {
-        trace({"TOVNet::tovcomms(): newline not found in string"});
-      }
-    }
-    if (level() > 1) trace({"TOVNet::tovcomms(): command string : ", command});
-
+    std::string saltStr;
+    rc = readSalt(sock, address, port, saltStr);
+    if (rc != 0) return rc;
+    stripLineFeeds(command);
     if (authenticated) {
-      if (level() > 1) trace({"TOVNet::tovcomms(): auth object provided"});
-      std::ostringstream saltStream;
-      saltStream << std::setw(8) << std::setfill('0') << saltStr;
-      if (level() == 3) trace({"TOVNet::tovcomms(): saltStr = ", saltStr});
-      std::stringstream hexStream;
-      hexStream << std::setw(8) << std::setfill('0') << saltStr;
-      std::uint32_t saltValue = 0;
-      hexStream >> std::hex >> saltValue;
-      static_cast<void>(saltValue);
-      const std::string binsalt = tovAuth.getBin(saltStream.str());
-      const std::string authline =
-          tovAuth.generateAuthline(authvec, binsalt, command);
-      command = command + "\n" + authline;
-      if (level() > 1)
-        trace({"TOVNet::tovcomms(): output content [Length = ",
-               command.length(), "] = ", command});
+      sign(command, authvec, saltStr);
     } else if (level() > 1) {
       trace({"TOVNet::tovcomms(): auth object NOT provided"});
     }
-
-    std::string request = command + "\n";
-    if (!data.empty()) request += data;
-    // A NUL inside the text cuts the copy there; the length sent stays.
-    std::vector<char> frame(request.length() + 1, '\0');
-    std::strcpy(frame.data(), request.c_str());
-    if (level() == 3) {
-      const std::size_t frameLen = std::strlen(frame.data());
-      trace({"TOVNet::tovcomms(): command length = ", command.length()});
-      trace({"TOVNet::tovcomms(): data length = ", data.length()});
-      trace({"TOVNet::tovcomms(): command length (with newline) = ", frameLen});
-      trace({"TOVNet::tovcomms(): message to tov [length = ", frameLen,
-             "]\n*****start of message buffer*****\n", frame.data(),
-             "\n*****end of message buffer *****\n"});
-    }
-    const ssize_t sent =
-        sendWithoutSigpipe(sock, frame.data(), request.length() + 1);
-    if (sent < 0) {
-      report(where,
-             {"send() command reported an error [", std::strerror(errno), "]"});
-      return tovDebug.setError(TOV_SOCK_SEND);
-    }
-    if (level() == 3) trace({"TOVNet::tovcomms(): sent ", sent, " bytes"});
-
+    rc = sendFrame(sock, command, data);
+    if (rc != 0) return rc;
     return collectReply(sock, buffer, saltStr, authenticated);
   };
 
