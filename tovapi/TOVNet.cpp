@@ -375,6 +375,174 @@ const char* plainCommandDescription(char cmd) {
   }
 }
 
+// ---- The steps of one service command, in the order serviceCommand takes
+// them.
+
+const char* const kService = "TOVNet::serviceCommand()";
+
+void traceServiceCall(const std::string& address, const std::string& port,
+                      const std::string& command,
+                      const std::vector<std::string>& authvec,
+                      unsigned serviceNum, const std::string& cmdSuffix) {
+  if (level() > 1) trace({"TOVNet::serviceCommand(): called"});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): address     = ", address});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): port        = ", port});
+  if (level() > 1) trace({"TOVNet::serviceCommand(): command     = ", command});
+  if (level() > 1)
+    trace({"TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix});
+  if (level() > 1)
+    trace({"TOVNet::serviceCommand(): serviceNum  = ", serviceNum});
+  if (level() == 3)
+    trace(
+        {"TOVNet::serviceCommand(): authvec  = ", tovUtils::vectostr(authvec)});
+}
+
+// The check binds every letter, also those that send no service number.
+int checkServiceNumber(const std::string& address, unsigned serviceNum) {
+  const int svcCntInt = tovCluster.getServiceCount(address);
+  const unsigned svcCount =
+      svcCntInt < 0 ? 0u : static_cast<unsigned>(svcCntInt);
+  if (!(serviceNum < svcCount)) {
+    if (level() > 1)
+      report(kService, {"invalid service number provided [", serviceNum, "]"});
+    return tovDebug.setError(TOV_SVC_INVALID);
+  }
+  return 0;
+}
+
+// The request line a command's letters stand for.
+struct Composed {
+  std::string line;
+  bool send = false;  // an empty command sends nothing and succeeds
+  bool echo = false;  // the log command's line is echoed on success
+};
+
+int compose(const std::string& command, unsigned serviceNum,
+            const std::string& cmdSuffix, Composed& out) {
+  const std::string sn_str =
+      tovUtils::intToString(static_cast<int>(serviceNum), 0);
+  std::string& tovcommand = out.line;
+  char sub_cmd = ' ';
+  char ext_cmd = ' ';
+  if (command.length() > 1) {
+    sub_cmd = command[1];
+    if (command.length() > 2) ext_cmd = command[2];
+  }
+  if (command.empty()) return TOV_OK;
+
+  const char cmd = command[0];
+  if (level() > 1)
+    trace({"TOVNet::serviceCommand(): SERVICE COMMAND INPUT\n",
+           "\tFull Command: ", command, "\n\tCMD: ", cmd,
+           "\n\tSUB CMD: ", sub_cmd, "\n\tEXT CMD: ", ext_cmd});
+
+  auto describe = [](const char* description) {
+    if (level() == 3) trace({"TOVNet::serviceCommand(): ", description});
+  };
+  switch (cmd) {
+    case req_sysdown:
+      describe("Shutdown tovmon");
+      tovcommand = "L ";
+      break;
+    case req_chkpw:
+      tovcommand = "J";
+      if (sub_cmd == '\0') {
+        describe("User/Pass check");
+      } else if (sub_cmd == static_cast<char>(req2a_halt)) {
+        describe("Halting (unclean shutdown)");
+        tovcommand += static_cast<char>(req2a_halt);
+      } else {
+        report(kService, {"Unrecognised secondary command passed"});
+        return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
+      }
+      break;
+    case req_extended:
+      if (sub_cmd == '\0') {
+        report(kService, {"Nothing passed to extended request packet"});
+        return tovDebug.setError(TOV_EMPTY_SUBCMD);
+      }
+      if (sub_cmd != 'A') {
+        report(kService, {"Unrecognised Extended Command passed: ", sub_cmd});
+        return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
+      }
+      if (ext_cmd == '\0') {
+        report(kService,
+               {"Unrecognised request passed to extended service command: ",
+                ext_cmd});
+        return tovDebug.setError(TOV_UNKNOWN_EXTCMD);
+      }
+      // Any other extended letter deliberately sends an empty command.
+      if (ext_cmd == 'Q') {
+        describe("Quickstart mode");
+        tovcommand = "@AQ " + sn_str;
+      }
+      break;
+    default: {
+      const char* description = plainCommandDescription(cmd);
+      if (description == nullptr) {
+        report(kService, {"Unrecognised Input Error"});
+        return tovDebug.setError(TOV_UNKNOWN_SVCCMD);
+      }
+      describe(description);
+      tovcommand = std::string(1, cmd) + " " + sn_str;
+      if (cmd == static_cast<char>(req_log)) out.echo = true;
+    }
+  }
+
+  if (!cmdSuffix.empty()) tovcommand += " " + cmdSuffix;
+  if (level() > 0)
+    trace({"TOVNet::serviceCommand(): TOV Command to be sent: ", tovcommand});
+  out.send = true;
+  return 0;
+}
+
+// Sends the line, again while the daemon answers busy, waiting the poll
+// time in between. `tmp_buf` is left holding the last reply, or null.
+int dispatch(TOVNet& net, const std::string& address, const std::string& port,
+             const std::string& tovcommand,
+             const std::vector<std::string>& authvec, unsigned attempts,
+             char*& tmp_buf) {
+  for (unsigned att_no = 0; att_no < attempts; ++att_no) {
+    const int ret =
+        net.tovcomms(tmp_buf, address, port, tovcommand, authvec, "");
+    if (ret != 0) return ret;
+    if (tmp_buf == nullptr || tmp_buf[1] != static_cast<char>(rep_busy)) break;
+    // Never true inside the loop; kept as the last line of defence.
+    if (!(att_no < attempts)) {
+      if (level() > 1)
+        trace({"TOVNet::serviceCommand(): Reached maximum ",
+               "number of attempts: Aborting"});
+      delete[] tmp_buf;
+      return tovDebug.setError(TOV_SVC_ATTEMPT_EXPIRE);
+    }
+    if (tmp_buf == nullptr && level() > 1)
+      trace({"TOVNet::serviceCommand(): ", "NULL buffer detected"});
+    const int pt = tovCache.getPollTime(address);
+    if (level() > 1)
+      trace({"TOVNet::serviceCommand(): TOV is busy - ", "Retrying in ", pt,
+             " second(s)"});
+    sleep(pt);
+    // Busy replies are abandoned, not released: only the last one is.
+    tmp_buf = nullptr;
+  }
+  return 0;
+}
+
+// Dumps the last reply at level 3, turns it into the result and releases it.
+int decode(char* tmp_buf) {
+  if (level() == 3) {
+    std::ostringstream dump;
+    dump << "TOVNet::serviceCommand()"
+         << "***** Start of temp buffer *****\n";
+    if (tmp_buf != nullptr)
+      dump << tmp_buf << "\n***** End of Temp Buffer *****" << std::endl;
+    tovDebug.write(dump);
+  }
+  const int retComms = tovResponse.getTOVResponseStatus(tmp_buf);
+  if (tmp_buf != nullptr) delete[] tmp_buf;
+  return retComms;
+}
+
 }  // namespace
 
 TOVNet::TOVNet() {
@@ -656,153 +824,30 @@ int TOVNet::serviceCommand(std::string address, std::string port,
                            std::vector<std::string> authvec,
                            unsigned serviceNum, unsigned attempts,
                            std::string cmdSuffix) {
-  const std::string where = "TOVNet::serviceCommand()";
-  if (level() > 1) trace({"TOVNet::serviceCommand(): called"});
-  if (level() > 1) trace({"TOVNet::serviceCommand(): address     = ", address});
-  if (level() > 1) trace({"TOVNet::serviceCommand(): port        = ", port});
-  if (level() > 1) trace({"TOVNet::serviceCommand(): command     = ", command});
-  if (level() > 1)
-    trace({"TOVNet::serviceCommand(): cmdSuffix   = ", cmdSuffix});
-  if (level() > 1)
-    trace({"TOVNet::serviceCommand(): serviceNum  = ", serviceNum});
-  if (level() == 3)
-    trace(
-        {"TOVNet::serviceCommand(): authvec  = ", tovUtils::vectostr(authvec)});
-
+  traceServiceCall(address, port, command, authvec, serviceNum, cmdSuffix);
   try {
-    // The check binds every letter, also those that send no service number.
-    const int svcCntInt = tovCluster.getServiceCount(address);
-    const unsigned svcCount =
-        svcCntInt < 0 ? 0u : static_cast<unsigned>(svcCntInt);
-    if (!(serviceNum < svcCount)) {
-      if (level() > 1)
-        report(where, {"invalid service number provided [", serviceNum, "]"});
-      return tovDebug.setError(TOV_SVC_INVALID);
-    }
-
-    bool print_command = false;
+    int rc = checkServiceNumber(address, serviceNum);
+    if (rc != 0) return rc;
     if (level() > 0)
       trace({"TOVNet::serviceCommand(): forcing a cache refresh"});
     const int refreshStat = tovCache.refreshCache(address, port, true);
     if (refreshStat < 0) return refreshStat;
 
-    const std::string sn_str =
-        tovUtils::intToString(static_cast<int>(serviceNum), 0);
-    std::string tovcommand;
-    char sub_cmd = ' ';
-    char ext_cmd = ' ';
-    if (command.length() > 1) {
-      sub_cmd = command[1];
-      if (command.length() > 2) ext_cmd = command[2];
-    }
-    // An empty command is a successful no-op.
-    if (command.empty()) return TOV_OK;
-
-    const char cmd = command[0];
-    if (level() > 1)
-      trace({"TOVNet::serviceCommand(): SERVICE COMMAND INPUT\n",
-             "\tFull Command: ", command, "\n\tCMD: ", cmd,
-             "\n\tSUB CMD: ", sub_cmd, "\n\tEXT CMD: ", ext_cmd});
-
-    auto describe = [](const char* description) {
-      if (level() == 3) trace({"TOVNet::serviceCommand(): ", description});
-    };
-    switch (cmd) {
-      case req_sysdown:
-        describe("Shutdown tovmon");
-        tovcommand = "L ";
-        break;
-      case req_chkpw:
-        tovcommand = "J";
-        if (sub_cmd == '\0') {
-          describe("User/Pass check");
-        } else if (sub_cmd == static_cast<char>(req2a_halt)) {
-          describe("Halting (unclean shutdown)");
-          tovcommand += static_cast<char>(req2a_halt);
-        } else {
-          report(where, {"Unrecognised secondary command passed"});
-          return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
-        }
-        break;
-      case req_extended:
-        if (sub_cmd == '\0') {
-          report(where, {"Nothing passed to extended request packet"});
-          return tovDebug.setError(TOV_EMPTY_SUBCMD);
-        }
-        if (sub_cmd != 'A') {
-          report(where, {"Unrecognised Extended Command passed: ", sub_cmd});
-          return tovDebug.setError(TOV_UNKNOWN_SUBCMD);
-        }
-        if (ext_cmd == '\0') {
-          report(where,
-                 {"Unrecognised request passed to extended service command: ",
-                  ext_cmd});
-          return tovDebug.setError(TOV_UNKNOWN_EXTCMD);
-        }
-        // Any other extended letter deliberately sends an empty command.
-        if (ext_cmd == 'Q') {
-          describe("Quickstart mode");
-          tovcommand = "@AQ " + sn_str;
-        }
-        break;
-      default: {
-        const char* description = plainCommandDescription(cmd);
-        if (description == nullptr) {
-          report(where, {"Unrecognised Input Error"});
-          return tovDebug.setError(TOV_UNKNOWN_SVCCMD);
-        }
-        describe(description);
-        tovcommand = std::string(1, cmd) + " " + sn_str;
-        if (cmd == static_cast<char>(req_log)) print_command = true;
-      }
-    }
-
-    if (!cmdSuffix.empty()) tovcommand += " " + cmdSuffix;
-    if (level() > 0)
-      trace({"TOVNet::serviceCommand(): TOV Command to be sent: ", tovcommand});
+    Composed request;
+    rc = compose(command, serviceNum, cmdSuffix, request);
+    if (rc != 0 || !request.send) return rc;
 
     char* tmp_buf = nullptr;
-    for (unsigned att_no = 0; att_no < attempts; ++att_no) {
-      const int ret = tovcomms(tmp_buf, address, port, tovcommand, authvec, "");
-      if (ret != 0) return ret;
-      if (tmp_buf == nullptr || tmp_buf[1] != static_cast<char>(rep_busy))
-        break;
-      // Never true inside the loop; kept as the last line of defence.
-      if (!(att_no < attempts)) {
-        if (level() > 1)
-          trace({"TOVNet::serviceCommand(): Reached maximum ",
-                 "number of attempts: Aborting"});
-        delete[] tmp_buf;
-        return tovDebug.setError(TOV_SVC_ATTEMPT_EXPIRE);
-      }
-      if (tmp_buf == nullptr && level() > 1)
-        trace({"TOVNet::serviceCommand(): ", "NULL buffer detected"});
-      const int pt = tovCache.getPollTime(address);
-      if (level() > 1)
-        trace({"TOVNet::serviceCommand(): TOV is busy - ", "Retrying in ", pt,
-               " second(s)"});
-      sleep(pt);
-      // Busy replies are abandoned, not released: only the last one is.
-      tmp_buf = nullptr;
-    }
+    rc = dispatch(*this, address, port, request.line, authvec, attempts,
+                  tmp_buf);
+    if (rc != 0) return rc;
+    rc = decode(tmp_buf);
+    if (rc != 0) return rc;
 
-    if (level() == 3) {
-      std::ostringstream dump;
-      dump << "TOVNet::serviceCommand()"
-           << "***** Start of temp buffer *****\n";
-      if (tmp_buf != nullptr)
-        dump << tmp_buf << "\n***** End of Temp Buffer *****" << std::endl;
-      tovDebug.write(dump);
-    }
-
-    const int retComms = tovResponse.getTOVResponseStatus(tmp_buf);
-    if (tmp_buf != nullptr) delete[] tmp_buf;
-    if (retComms != 0) return retComms;
-
-    if (print_command) std::cout << tovcommand << std::endl;
+    if (request.echo) std::cout << request.line << std::endl;
     return TOV_OK;
   } catch (std::exception& e) {
-    report(where, {"EXCEPTION - ", e.what()});
+    report(kService, {"EXCEPTION - ", e.what()});
     return tovDebug.setError(TOV_EXCEPT_SVCCMD);
   }
 }
