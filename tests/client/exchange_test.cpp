@@ -1,305 +1,447 @@
-// The request exchange against scripted loopback daemons: frames on the
-// wire, salts, reply collection and every failure with its code.
+// The request exchange against scripted loopback daemons, also at the edges
+// of the descriptor table, and the service commands built on it.
 #include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
-#include <cstring>
-#include <thread>
+#include <functional>
+#include <stdexcept>
+#include <tuple>
 
 #include "client_fixture.h"
-#include "support/loopback_server.h"
 #include "support/net_helpers.h"
-#include "support/private_access.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define TOVAPI_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define TOVAPI_TEST_SANITIZED 1
+#endif
+#endif
 
 namespace {
 
-using clienttest::ClientTest;
 using clienttest::fail;
+using clienttest::Listener;
+using clienttest::replying;
 using looptest::LoopbackServer;
 using looptest::Script;
+using namespace std::string_literals;
 using namespace tov1;
 
-class ExchangeTest : public ClientTest {
+class NetTest : public clienttest::ClientTest {
  protected:
-  // Runs one exchange; `buffer` keeps whatever the exchange left in it.
-  int exchange(LoopbackServer& server, const std::string& command,
+  int exchange(const std::string& port, const std::string& command,
                std::vector<std::string> authvec = {},
-               const std::string& data = "") {
-    return net.tovcomms(buffer, "127.0.0.1", server.portStr(), command,
-                        std::move(authvec), data);
+               const std::string& data = "",
+               const std::string& address = "127.0.0.1") {
+    return net.tovcomms(buffer, address, port, command, std::move(authvec),
+                        data);
   }
-  void TearDown() override {
+  void release() {
     if (buffer != sentinel) delete[] buffer;
+    buffer = sentinel;
   }
-  std::string lastErrorText() const {
-    return doubles::rec().errors.empty() ? ""
-                                         : doubles::rec().errors.back().second;
+  int command(LoopbackServer& server, const std::string& letters,
+              unsigned serviceNum = 1, const std::string& suffix = "",
+              unsigned attempts = 3) {
+    return net.serviceCommand("127.0.0.1", server.portStr(), letters, {},
+                              serviceNum, attempts, suffix);
   }
+  void TearDown() override { release(); }
   char sentinel[4] = "old";
-  char* buffer = sentinel;
+  char* buffer = sentinel;  // failures must leave it alone
+  const std::string t = "TOVNet::tovcomms(): ";
 };
 
-Script replying(const std::string& reply) {
-  Script s;
-  s.reply = reply;
-  return s;
-}
-
-TEST_F(ExchangeTest, FramesOnTheWire) {
-  using namespace std::string_literals;
-  const struct {
-    std::string command;
-    std::vector<std::string> authvec;
-    std::string data;
-    std::string frame;
-  } cases[] = {
-      {"B 1", {}, "", "B 1\n\0"s},
-      {"", {}, "", "CCN\n\0"s},         // empty means CCN
-      {"B1\n", {}, "", "B1\n\0"s},      // trailing LF removed
-      {"\nX", {}, "", "\nX\n\0"s},      // LF at 0 stays
-      {"a\n\nb", {}, "", "a\nb\n\0"s},  // one of two removed
-      {"B 0", {"user", "digest"}, "", "B 0\nuser 00ff\n\0"s},
-      {"Y 0 hi", {}, "payload", "Y 0 hi\npayload\0"s},
-      {"B 0", {}, "ab\0cd"s, "B 0\nab\0\0\0\0"s},  // NUL cuts, length stays
+TEST_F(NetTest, ExchangeFramesOnTheWire) {
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"B 1", "", "B 1\n\0"s},
+      {"", "", "CCN\n\0"s},         // CCN if empty
+      {"\nX", "", "\nX\n\0"s},      // LF at 0 stays
+      {"a\n\nb", "", "a\nb\n\0"s},  // one of two removed
+      {"Y 0 hi", "payload", "Y 0 hi\npayload\0"s},
+      {"B 0", "ab\0cd"s, "B 0\nab\0\0\0\0"s},  // NUL cuts, length stays
   };
-  for (const auto& c : cases) {
-    LoopbackServer server({replying("Ba done\n"s + '\0')});
-    ASSERT_EQ(exchange(server, c.command, c.authvec, c.data), 0);
-    ASSERT_EQ(server.frames().size(), 1u);
-    EXPECT_EQ(server.frames()[0], c.frame) << "command " << c.command;
+  LoopbackServer server({replying("Ba done\n"s + '\0')});
+  for (const auto& [command, data, frame] : cases) {
+    SCOPED_TRACE(command);
+    ASSERT_EQ(exchange(server.portStr(), command, {}, data), 0);
+    EXPECT_EQ(server.frames().back(), frame);
     EXPECT_STREQ(buffer, "Ba done\n");
-    delete[] buffer;
-    buffer = sentinel;
+    release();
   }
-}
-
-TEST_F(ExchangeTest, AuthenticationUsesTheSaltAndTheCleanedCommand) {
-  using namespace std::string_literals;
-  Script shortSalt = replying("Ja ok");
-  shortSalt.salt = "abcde";  // five bytes only
-  LoopbackServer server({shortSalt});
-  ASSERT_EQ(exchange(server, "J\n", {"admin", "cafe"}), 0);
-  ASSERT_EQ(rec().getBinCalls.size(), 1u);
-  EXPECT_EQ(rec().getBinCalls[0], "abcde\0\0\0"s);
-  ASSERT_EQ(rec().authlineCalls.size(), 1u);
-  EXPECT_EQ(rec().authlineCalls[0].authvec,
-            (std::vector<std::string>{"admin", "cafe"}));
-  EXPECT_EQ(rec().authlineCalls[0].binsalt, "BIN(abcde\0\0\0)"s);
-  EXPECT_EQ(rec().authlineCalls[0].command, "J");
-}
-
-TEST_F(ExchangeTest, AuthenticationVectorsOfWrongSizeAreRejectedFirst) {
-  LoopbackServer server({replying("x")});
-  EXPECT_EQ(exchange(server, "B 0", {"user"}), fail(TOV_AUTH_DIGEST));
-  EXPECT_EQ(lastErrorText(), "authentication vector with no digest detected\n");
-  EXPECT_EQ(exchange(server, "B 0", {"a", "b", "c"}), fail(TOV_AUTH_INVALID));
-  EXPECT_EQ(lastErrorText(), "invalid authentication vector detected\n");
-  EXPECT_EQ(rec().errors.back().first, "TOVNet::tovcomms()");
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(server.connections(), 0);
-  EXPECT_EQ(buffer, sentinel);
-}
-
-TEST_F(ExchangeTest, ReplyCollection) {
-  using namespace std::string_literals;
-  const std::string big = "Bn " + std::string(19997, 'x');  // 20000 bytes
-  Script fragmented = replying(big + '\0');
-  fragmented.chunk = 3000;
-  fragmented.chunkPauseMs = 5;
-  Script nulInside = replying("Ba kept\0dropped"s);
-  Script empty;
-  const struct {
-    Script script;
-    std::string expected;
-  } cases[] = {{replying(big), big},
-               {fragmented, big},
-               {nulInside, "Ba kept"},
-               {replying("Ba ok\n"s + '\0'), "Ba ok\n"},
-               {empty, ""}};
-  for (const auto& c : cases) {
-    LoopbackServer server({c.script});
-    ASSERT_EQ(exchange(server, "B 0"), 0);
-    ASSERT_NE(buffer, sentinel);
-    EXPECT_EQ(std::string(buffer), c.expected);
-    EXPECT_EQ(buffer[c.expected.size()], '\0');
-    delete[] buffer;
-    buffer = sentinel;
-  }
-}
-
-TEST_F(ExchangeTest, NewlineRemovalAndAuthenticationAreTraced) {
-  rec().level = 3;
-  LoopbackServer server({replying("Ba ok")});
-  ASSERT_EQ(exchange(server, "B\n0", {"admin", "d1"}), 0);
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): erasing newline found at: 1\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): authvec  = admin, d1\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): saltStr = 0a1b2c3d\n"));
-  EXPECT_TRUE(
-      rec().wrote("TOVNet::tovcomms(): output content [Length = 12] "
-                  "= B0\nuser 00ff\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): salt value = 0a1b2c3d\n"));
-}
-
-TEST_F(ExchangeTest, ResetInsteadOfASalt) {
-  Script reset;
-  reset.salt = "";
-  reset.readFrame = false;
-  reset.resetAfterReply = true;
-  reset.closeDelayMs = 100;  // after the client is waiting for the salt
-  LoopbackServer server({reset});
-  EXPECT_EQ(exchange(server, "B 0"), fail(TOV_COMMS_SALT));
-  EXPECT_EQ(lastErrorText().rfind("failed to receive salt from host: ", 0), 0u)
-      << lastErrorText();
-  EXPECT_EQ(buffer, sentinel);
-}
-
-TEST_F(ExchangeTest, FullFragmentsAreTracedAtLevelThree) {
-  rec().level = 3;
-  LoopbackServer server({replying(std::string(20000, 'y'))});
-  ASSERT_EQ(exchange(server, "B 0"), 0);
-  EXPECT_EQ(std::strlen(buffer), 20000u);
-  int full = 0;
-  for (const auto& w : rec().writes)
-    full += w == "TOVNet::tovcomms(): removing excess tail from response\n";
-  EXPECT_GE(full, 1);
-  EXPECT_LE(full, 2);
-  EXPECT_TRUE(
-      rec().wrote("TOVNet::tovcomms(): Server closed the socket connection\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): sent 5 bytes\n"));
-}
-
-TEST_F(ExchangeTest, FailuresLeaveTheBufferAlone) {
-  Script noSalt;
-  noSalt.closeBeforeSalt = true;
-  Script lateSalt;
-  lateSalt.saltDelayMs = 1500;
-  Script reset = replying(std::string(50000, 'z'));
-  reset.chunk = 10000;
-  reset.chunkPauseMs = 20;
-  reset.resetAfterReply = true;
-
-  net.setTimeout(0.3f);
-  const struct {
-    Script script;
-    int code;
-    std::string message;  // start of the error text
-  } cases[] = {
-      {noSalt, fail(TOV_COMMS_SALT), "host didn't return a salt: 127.0.0.1:"},
-      {lateSalt, fail(TOV_SOCK_TIMEOUT),
-       "network timed out connecting to 127.0.0.1:"},
-      {reset, fail(TOV_SOCK_RECV), "recv() command reported an error ["}};
-  for (const auto& c : cases) {
-    doubles::reset();
-    LoopbackServer server({c.script});
-    EXPECT_EQ(exchange(server, "B 0"), c.code);
-    EXPECT_EQ(lastErrorText().rfind(c.message, 0), 0u) << lastErrorText();
-    EXPECT_EQ(buffer, sentinel);
-  }
-}
-
-TEST_F(ExchangeTest, RefusedAndUnresolvable) {
-  const std::string port = std::to_string(testsupport::closedPort());
-  EXPECT_EQ(net.tovcomms(buffer, "127.0.0.1", port, "B 0", {}, ""),
-            fail(TOV_SOCK_CONNECT));
-  EXPECT_EQ(lastErrorText().rfind("cannot connect to server 127.0.0.1: ", 0),
-            0u);
-  EXPECT_EQ(
-      net.tovcomms(buffer, testsupport::kUnresolvable, "1195", "B 0", {}, ""),
-      fail(TOV_SOCK_RESOLVE_HOST));
-  EXPECT_EQ(lastErrorText(), "failed to get address info for bad..host:1195\n");
-  EXPECT_EQ(buffer, sentinel);
-}
-
-TEST_F(ExchangeTest, ZeroTimeoutSkipsTheSaltWait) {
-  Script slowSalt = replying("Ba");
-  slowSalt.saltDelayMs = 300;
-  LoopbackServer server({slowSalt});
-  net.setTimeout(0.0f);
-  EXPECT_EQ(exchange(server, "B 0"), 0);
-  EXPECT_STREQ(buffer, "Ba");
-}
-
-TEST_F(ExchangeTest, ResetBeforeTheRequestIsASendFailureNotADeadProcess) {
-  Script resetAfterSalt;
-  resetAfterSalt.readFrame = false;
-  resetAfterSalt.resetAfterReply = true;
-  resetAfterSalt.closeDelayMs = 100;  // after the client has connected
-  LoopbackServer server({resetAfterSalt});
-  // Give the reset time to arrive before the frame goes out.
-  rec().duringAuthline = [] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-  };
-  const int rc = exchange(server, "B 0", {"u", "d"});
-  EXPECT_TRUE(rc == fail(TOV_SOCK_SEND) || rc == fail(TOV_SOCK_RECV)) << rc;
-  sigset_t pending;
-  sigpending(&pending);
-  EXPECT_FALSE(sigismember(&pending, SIGPIPE));
-  EXPECT_EQ(buffer, sentinel);
-}
-
-TEST_F(ExchangeTest, TracesFollowTheLevel) {
-  LoopbackServer server({replying("Ba ok")});
-  ASSERT_EQ(exchange(server, "B 0"), 0);
   // At level 0 only the connect step's own two lines may appear.
   for (const auto& w : rec().writes)
     EXPECT_EQ(w.rfind("TOVNet::connectTimeout(): connect() re", 0), 0u) << w;
 
-  doubles::reset();
-  rec().level = 2;
-  delete[] buffer;
-  buffer = sentinel;
-  ASSERT_EQ(exchange(server, "B 0"), 0);
-  EXPECT_EQ(rec().writes.at(0), "TOVNet::tovcomms(): called\n");
-  EXPECT_EQ(rec().writes.at(1), "TOVNet::tovcomms(): address  = 127.0.0.1\n");
-  EXPECT_EQ(rec().writes.at(3), "TOVNet::tovcomms(): command  = B 0\n");
-  EXPECT_TRUE(
-      rec().wrote("TOVNet::tovcomms(): setting socket timeout of 3 "
-                  "second(s) and 0 micro-second(s)\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): auth object NOT provided\n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): TOV response message: Ba ok\n"));
-  EXPECT_FALSE(rec().wrote("authvec  ="));
-}
-
-TEST_F(ExchangeTest, EmptyAddressAndPortMeanTheLocalDaemon) {
-  std::unique_ptr<LoopbackServer> server;
-  try {
-    server = std::make_unique<LoopbackServer>(
-        std::vector<Script>{replying("Cn info")}, "127.0.0.1", 1195);
-  } catch (const std::exception& e) {
-    GTEST_SKIP() << "port 1195 is taken on this machine: " << e.what();
-  }
-  rec().level = 2;
-  EXPECT_EQ(net.tovcomms(buffer, "", "", "", {}, ""), 0);
-  EXPECT_EQ(server->frames().at(0), std::string("CCN\n", 5));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): address  = \n"));
-  EXPECT_TRUE(rec().wrote("TOVNet::tovcomms(): port     = \n"));
-}
-
-TEST_F(ExchangeTest, ConnectTimeoutOutcomes) {
+  // Signed: an 8-byte salt, NUL-padded; the cleaned command.
+  Script shortSalt = replying(std::string(20000, 'y'));
+  shortSalt.salt = "abcde";
+  LoopbackServer signer({shortSalt});
   rec().level = 3;
-  LoopbackServer server({replying("")});
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(static_cast<uint16_t>(server.port()));
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  EXPECT_EQ(privileged::connectTimeout(
-                net, fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr, 1, 0),
-            0);
-  EXPECT_EQ(fcntl(fd, F_GETFL, 0) & O_NONBLOCK, 0);  // blocking again
-  close(fd);
-  EXPECT_TRUE(rec().wrote("TOVNet::connectTimeout(): called\n"));
+  ASSERT_EQ(exchange(signer.portStr(), "J\n", {"admin", "cafe"}), 0);
+  EXPECT_EQ(signer.frames(),
+            std::vector<std::string>{"J\nadmin, cafe bin:abcde... J\n\0"s});
+  expectTraces(
+      {t + "erasing newline found at: 1\n", t + "authvec  = admin, cafe\n",
+       t + "saltStr = abcde\0\0\0\n"s,
+       t + "output content [Length = 28] = J\nadmin, cafe bin:abcde... J\n",
+       t + "sent 30 bytes\n", t + "salt value = abcde\0\0\0\n"s,
+       t + "Server closed the socket connection\n",
+       "TOVNet::connectTimeout(): called\n"});
+  // 20000 bytes hold at most two full 8192-byte fragments.
+  const auto full = std::count(rec().writes.begin(), rec().writes.end(),
+                               t + "removing excess tail from response\n");
+  EXPECT_TRUE(full == 1 || full == 2) << full;
+}
 
-  // Refused: at once (69) or after the wait (71), and the socket stays
-  // non-blocking.
-  addr.sin_port = htons(static_cast<uint16_t>(testsupport::closedPort()));
-  fd = socket(AF_INET, SOCK_STREAM, 0);
-  const int rc = privileged::connectTimeout(
-      net, fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr, 1, 0);
-  EXPECT_TRUE(rc == fail(TOV_SOCK_CONNECT) || rc == fail(TOV_SOCK_GETOPTS))
-      << rc;
-  EXPECT_NE(fcntl(fd, F_GETFL, 0) & O_NONBLOCK, 0);
-  close(fd);
+TEST_F(NetTest, ExchangeReplyCollection) {
+  const std::string big = "Bn " + std::string(19997, 'x');  // 20000 bytes
+  const Script whole = replying(big), empty;
+  Script pieces = replying(big + '\0');
+  pieces.chunk = 3000;
+  pieces.chunkPauseMs = 5;
+  const Script nulInside = replying("Ba kept\0dropped"s);
+  Script lateSalt = replying("Ba");
+  lateSalt.saltDelayMs = 300;
+  LoopbackServer server({whole, pieces, empty, lateSalt, nulInside});
+  const std::tuple<const char*, std::string, float> cases[] = {
+      {"whole", big, 3},
+      {"in pieces", big, 3},
+      {"empty", "", 3},
+      {"zero timeout waits without bound", "Ba", 0},
+      {"NUL ends a fragment", "Ba kept", 3}};
+  rec().level = 2;
+  for (const auto& [name, reply, timeout] : cases) {
+    SCOPED_TRACE(name);
+    net.setTimeout(timeout);
+    ASSERT_EQ(exchange(server.portStr(), "B 0"), 0);
+    ASSERT_NE(buffer, sentinel);
+    EXPECT_EQ(std::string(buffer), reply);
+    release();
+  }
+  EXPECT_FALSE(rec().wrote("dropped"));  // not even in the fragment trace
+  expectTraces({t + "called\n", t + "address  = 127.0.0.1\n",
+                t + "command  = B 0\n",
+                t + "setting socket timeout of 3 second(s) and 0 "
+                    "micro-second(s)\n",
+                t + "auth object NOT provided\n",
+                t + "TOV response message: Ba kept\n"});
+  expectTraces({"authvec  =", "connectTimeout(): called"}, false);
+}
+
+// Letters compose the request line, or are refused, after the refresh.
+TEST_F(NetTest, ServiceLetters) {
+  const std::string sub = "Unrecognised secondary command passed";
+  struct Row {
+    std::string letters, suffix, expected;  // the line sent, or the error
+    int rc;
+  };
+  std::vector<Row> cases = {
+      {"L", "", "L ", 0},         {"J\0"s, "", "J", 0},
+      {"JA", "", "JA", 0},        {"@AQ", "", "@AQ 1", 0},
+      {"L", "now", "L  now", 0},  {"JA", "x", "JA x", 0},
+      {"B", "a b", "B 1 a b", 0}, {"Y", "hi there", "Y 1 hi there", 0},
+      {"Bxyz", "", "B 1", 0},  // letters after the first are ignored
+      {"@A", "", "CCN", 0},    // empty command string: the exchange sends CCN
+      {"@AX", "s", " s", 0}};
+  cases.insert(cases.end(),
+               {{"J", "", sub, fail(TOV_UNKNOWN_SUBCMD)},
+                {"JB", "", sub, fail(TOV_UNKNOWN_SUBCMD)},
+                {"@", "", "Unrecognised Extended Command passed:  ",
+                 fail(TOV_UNKNOWN_SUBCMD)},
+                {"@\0"s, "", "Nothing passed to extended request packet",
+                 fail(TOV_EMPTY_SUBCMD)},
+                {"@A\0"s, "",
+                 "Unrecognised request passed to extended service command: \0"s,
+                 fail(TOV_UNKNOWN_EXTCMD)}});
+  for (char c : "BCDEFGHIKMNORUVWXZ["s)
+    cases.push_back({{c}, "", std::string(1, c) + " 1", 0});
+  for (char c : "APQSTa\\"s)
+    cases.push_back(
+        {{c}, "", "Unrecognised Input Error", fail(TOV_UNKNOWN_SVCCMD)});
+  LoopbackServer server({replying("?a ok")});
+  rec().level = 3;
+  clienttest::Capture out(std::cout);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.letters);
+    const int sent = server.connections();
+    rec().errors.clear();
+    ASSERT_EQ(command(server, c.letters, 1, c.suffix), c.rc);
+    if (c.rc == 0) {
+      const std::string frame = server.frames().back();
+      EXPECT_EQ(frame.substr(0, frame.find('\n')), c.expected);
+    } else {
+      EXPECT_EQ(server.connections(), sent);
+      ASSERT_EQ(rec().errors.size(), 1u);
+      EXPECT_EQ(rec().errors[0].first, "TOVNet::serviceCommand()");
+      EXPECT_EQ(rec().errors[0].second, c.expected + "\n");
+    }
+  }
+  EXPECT_EQ(rec().refreshCalls.size(), cases.size());
+  EXPECT_EQ(out.text(), "Y 1 hi there\n");  // the log line, on success
+  const std::string s = "TOVNet::serviceCommand()";
+  expectTraces({s + ": Block - enable starting a service\n",
+                s + ": SERVICE COMMAND INPUT\n\tFull Command: W\n\tCMD: W\n"
+                    "\tSUB CMD:  \n\tEXT CMD:  \n",
+                s + ": authvec  = \n", s + ": serviceNum  = 1\n",
+                s + ": TOV Command to be sent: W 1\n",
+                s + "***** Start of temp buffer *****\n?a ok\n***** End of "
+                    "Temp Buffer *****\n"});
+}
+
+// The service number is checked first, for every letter; then a negative
+// result of the forced refresh ends the command unchanged.
+TEST_F(NetTest, ServiceChecksBeforeSending) {
+  LoopbackServer server({replying("Ba ok")});
+  const std::tuple<int, unsigned, std::string> cases[] = {
+      {2, 2, "B"}, {2, 7, "L"}, {-1, 0, "B"}, {-1, 0, "J\0"s}, {0, 0, ""}};
+  for (const auto& [count, number, letters] : cases) {
+    rec().serviceCount = count;
+    EXPECT_EQ(command(server, letters, number), fail(TOV_SVC_INVALID))
+        << count << " " << number << " " << letters;
+  }
+  EXPECT_TRUE(rec().refreshCalls.empty());
+  EXPECT_TRUE(rec().errors.empty());  // reported only above level 1
+  rec().level = 2;
+  EXPECT_EQ(command(server, "B", 9), fail(TOV_SVC_INVALID));
+  EXPECT_EQ(rec().errors.back().second,
+            "invalid service number provided [9]\n");
+
+  doubles::reset();
+  int refreshed = -74;
+  rec().refresh = [&] { return refreshed; };
+  EXPECT_EQ(command(server, "B"), -74);
+  ASSERT_EQ(rec().refreshCalls.size(), 1u);
+  const auto& call = rec().refreshCalls[0];
+  EXPECT_TRUE(call.address == "127.0.0.1" && call.port == server.portStr() &&
+              call.force);
+  EXPECT_EQ(server.connections(), 0);
+  // A positive result is no failure; an empty command sends nothing.
+  refreshed = 5;
+  EXPECT_EQ(command(server, "B"), 0);
+  rec().level = 1;
+  EXPECT_EQ(command(server, ""), 0);
+  EXPECT_TRUE(
+      rec().wrote("TOVNet::serviceCommand(): forcing a cache refresh\n"));
+  EXPECT_EQ(server.connections(), 1);
+}
+
+// Busy replies ('k' as the status letter) are sent again after the poll
+// time; the last reply, or none, decides. Only a successful log is echoed.
+TEST_F(NetTest, ServiceBusyRetry) {
+  const struct {
+    std::string first, then;  // the replies to the first and later sends
+    unsigned attempts;
+    int rc, connections;
+    std::size_t polls;    // also after the last attempt
+    std::string decoded;  // the reply dumped at level 3, if any
+  } cases[] = {
+      {"Yk busy", "Ya ok", 3, 0, 2, 1, "Ya ok"},
+      {"Yk busy", "Yk busy", 2, fail(TOV_COMMS_NORESPONSE), 2, 2, ""},
+      {"Ya", "Ya", 0, fail(TOV_COMMS_NORESPONSE), 0, 0, ""},
+      {"kd failed", "Ya", 3, fail(TOV_COMMS_FAIL), 1, 0, "kd failed"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first + " " + std::to_string(c.attempts));
+    doubles::reset();
+    rec().level = 3;
+    LoopbackServer server({replying(c.first), replying(c.then)});
+    clienttest::Capture out(std::cout);
+    EXPECT_EQ(command(server, "Y", 0, "x", c.attempts), c.rc);
+    EXPECT_EQ(out.text(), c.rc == 0 ? "Y 0 x\n" : "");
+    EXPECT_EQ(server.connections(), c.connections);
+    EXPECT_EQ(rec().pollTimeCalls,
+              std::vector<std::string>(c.polls, "127.0.0.1"));
+    EXPECT_EQ(rec().wrote("TOVNet::serviceCommand(): TOV is busy - Retrying "
+                          "in 0 second(s)\n"),
+              c.polls > 0);
+    EXPECT_EQ(rec().writes.back(),
+              "TOVNet::serviceCommand()***** Start of temp buffer *****\n" +
+                  (c.decoded.empty()
+                       ? ""
+                       : c.decoded + "\n***** End of Temp Buffer *****\n"));
+  }
+}
+
+// A failed exchange or a standard exception ends the command at once.
+TEST_F(NetTest, ServiceFailures) {
+  EXPECT_EQ(
+      net.serviceCommand("127.0.0.1", std::to_string(testsupport::closedPort()),
+                         "B", {}, 0, 5, ""),
+      fail(TOV_SOCK_CONNECT));
+  EXPECT_TRUE(rec().pollTimeCalls.empty());
+  LoopbackServer server({replying("Ba")});
+  rec().refresh = []() -> int { throw std::runtime_error("cache exploded"); };
+  EXPECT_EQ(command(server, "B"), fail(TOV_EXCEPT_SVCCMD));
+  EXPECT_EQ(rec().errors.back().second, "EXCEPTION - cache exploded\n");
+  rec().refresh = []() -> int { throw 7; };
+  EXPECT_THROW(command(server, "B"), int);
+}
+
+// Connects to the listener; returns once `queued` connections wait there.
+int queueOn(const Listener& listener, unsigned queued) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr*>(&listener.addr),
+                    sizeof listener.addr),
+            0);
+  tcp_info info{};  // of a listener: tcpi_unacked is its queue length
+  socklen_t len = sizeof info;
+  for (int i = 0; i < 500 && info.tcpi_unacked < queued; ++i) {
+    if (i > 0) poll(nullptr, 0, 10);
+    getsockopt(listener.fd, IPPROTO_TCP, TCP_INFO, &info, &len);
+  }
+  EXPECT_GE(info.tcpi_unacked, queued);
+  return fd;
+}
+
+TEST_F(NetTest, ExchangeFailuresLeaveTheBufferAlone) {
+  Script late, noSalt, resetSalt,
+      resetReply = replying(std::string(50000, 'z'));
+  late.saltDelayMs = 800;  // long after the client gave up
+  noSalt.closeBeforeSalt = true;
+  resetSalt.salt = "";
+  resetSalt.readFrame = false;
+  resetSalt.resetAfterReply = true;
+  resetSalt.closeDelayMs = 100;  // after the client waits for the salt
+  resetReply.chunk = 10000;
+  resetReply.chunkPauseMs = 20;
+  resetReply.resetAfterReply = true;
+  LoopbackServer server({late, noSalt, resetSalt, resetReply});
+  const std::string port = server.portStr();
+  const Listener full(1);
+  const int queued[] = {queueOn(full, 1), queueOn(full, 2)};  // full now
+  const std::string closed = std::to_string(testsupport::closedPort());
+  const std::string bad = testsupport::kUnresolvable, lo = "127.0.0.1";
+  const struct {
+    std::string address, port;
+    std::size_t authSize;
+    float timeout;
+    int rc;
+    std::string error;  // its start
+  } cases[] = {
+      // Wrong vectors are refused before the host is even resolved.
+      {bad, "", 1, 3, fail(TOV_AUTH_DIGEST),
+       "authentication vector with no digest detected\n"},
+      {bad, "", 3, 3, fail(TOV_AUTH_INVALID),
+       "invalid authentication vector detected\n"},
+      {bad, "", 0, 3, fail(TOV_SOCK_RESOLVE_HOST),
+       "failed to get address info for bad..host:1195\n"},
+      {"", closed, 0, 3, fail(TOV_SOCK_CONNECT),
+       "cannot connect to server 127.0.0.1: Connection refused\n"},
+      {lo, full.port, 0, 0.2f, fail(TOV_SOCK_CONNECT),
+       "cannot connect to server 127.0.0.1: Connection timed out\n"},
+      {lo, port, 0, 0.2f, fail(TOV_SOCK_TIMEOUT),
+       "network timed out connecting to 127.0.0.1:" + port + "\n"},
+      {lo, port, 0, 3, fail(TOV_COMMS_SALT),
+       "host didn't return a salt: 127.0.0.1:"},
+      {lo, port, 0, 3, fail(TOV_COMMS_SALT),
+       "failed to receive salt from host: 127.0.0.1:"},
+      {lo, port, 0, 3, fail(TOV_SOCK_RECV),
+       "recv() command reported an error ["},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
+    net.setTimeout(c.timeout);
+    EXPECT_EQ(exchange(c.port, "B 0", std::vector<std::string>(c.authSize, "u"),
+                       "", c.address),
+              c.rc);
+    ASSERT_FALSE(rec().errors.empty());
+    const auto& [where, text] = rec().errors.back();
+    EXPECT_EQ(where + ": " + text.substr(0, c.error.size()),
+              "TOVNet::tovcomms(): " + c.error);
+    EXPECT_EQ(buffer, sentinel);
+  }
+  for (int fd : queued) close(fd);
+}
+
+// Runs fn in a child, where limits stay, and returns what it returned. No
+// other thread may be alive: one holding the allocator's lock at the fork
+// would leave the child's exit-time leak check waiting for ever.
+std::string inChild(const std::function<std::string()>& fn) {
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  std::cout.flush();
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    const std::string result = fn();
+    if (write(fds[1], result.data(), result.size()) < 0) std::exit(2);
+    std::exit(0);  // exit(), not _exit(): coverage data is written at exit
+  }
+  close(fds[1]);
+  std::string result;
+  char buf[256];
+  pollfd readable{fds[0], POLLIN, 0};
+  ssize_t n = 1;  // the pipe closes only as the child's process ends
+  while (n > 0 && poll(&readable, 1, 60000) > 0)
+    if ((n = read(fds[0], buf, sizeof buf)) > 0)
+      result.append(buf, static_cast<std::size_t>(n));
+  close(fds[0]);
+  if (n > 0) {
+    kill(pid, SIGKILL);
+    ADD_FAILURE() << "the child did not finish within 60 s";
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  return result;
+}
+
+TEST_F(NetTest, NoDescriptorLeftForASocket) {
+#ifdef TOVAPI_TEST_SANITIZED
+  GTEST_SKIP() << "the sanitizers' own checks need free descriptors";
+#endif
+  const std::string result = inChild([this] {
+    std::cerr.setstate(std::ios::failbit);  // keep the child's reports quiet
+    gethostbyname("127.0.0.1");  // the resolver reads its files once, first
+    rlimit original{};
+    getrlimit(RLIMIT_NOFILE, &original);
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), original.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const int exchange = net.tovcomms(buffer, "127.0.0.1", "1", "V 0", {}, "");
+    const int discovery = net.discoverClusters("127.0.0.1", 0, true);
+    setrlimit(RLIMIT_NOFILE, &original);  // room to write coverage data
+    return std::to_string(exchange) + " " + std::to_string(discovery) + " " +
+           doubles::rec().errors.at(0).second +
+           doubles::rec().errors.at(1).second;
+  });
+  EXPECT_EQ(result, std::to_string(fail(TOV_SOCK_CREATE)) + " " +
+                        std::to_string(TOV_SOCK_CREATE) +
+                        " Failed to create the socket\nsocket\n");
+}
+
+// The waits are reported as a failing select, never a write past the set;
+// discovery then collects nothing.
+TEST_F(NetTest, SocketsBeyondWhatSelectCanWatch) {
+  const clienttest::Listener listener;
+  const std::string result = inChild([this, &listener] {
+    std::cerr.setstate(std::ios::failbit);
+    const rlimit wide{FD_SETSIZE + 64, FD_SETSIZE + 64};
+    if (setrlimit(RLIMIT_NOFILE, &wide) != 0) return std::string("skip");
+    // Fill the table up to FD_SETSIZE so the next socket lands beyond it.
+    const int devnull = open("/dev/null", O_RDONLY);
+    for (int fd = devnull + 1; fd < FD_SETSIZE; ++fd)
+      if (fcntl(fd, F_GETFD) == -1) dup2(devnull, fd);  // keep open ones
+    const int exchange =
+        net.tovcomms(buffer, "127.0.0.1", listener.port, "V 0", {}, "");
+    std::cout.setstate(std::ios::failbit);
+    const int discovery = net.discoverClusters("127.0.0.1", 0, true);
+    return std::to_string(exchange) + " " + std::to_string(discovery) + " " +
+           std::to_string(buffer == sentinel);
+  });
+  if (result == "skip") GTEST_SKIP() << "cannot raise the descriptor limit";
+  EXPECT_TRUE(result == std::to_string(fail(TOV_SOCK_CONNECT)) + " 0 1" ||
+              result == std::to_string(fail(TOV_SOCK_SELECT)) + " 0 1")
+      << "[" << result << "]";
 }
 
 }  // namespace
