@@ -1,132 +1,162 @@
-// The information cache and the cluster queries: reply parser, refresh
-// policy against a loopback daemon, lookups, and the Cluster answers.
+// A daemon's replies: status letter and message, the information reply, the
+// cache that holds it (fetching from a scripted loopback daemon), Cluster.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
 
 #include <chrono>
-#include <iostream>
-#include <sstream>
+#include <climits>
+#include <cstring>
+#include <ctime>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
-#include "loopback_daemon.h"
+#include "support/loopback_server.h"
+#include "support/net_helpers.h"
 #include "support/stream_capture.h"
 #include "tovapi/internal_cache.h"
 #include "tovapi/libtovapi.h"
 
 using namespace tov1;
 using cacheinternal::InfoTable;
+using Strings = std::vector<std::string>;
 
 namespace {
 
-const char kClusterLine[] =
-    "C alpha 2 3 9f3c 17 1700000000 512 POLL 1700000100 0 node1 test_cluster";
+int negated(tov_error_enum code) { return -static_cast<int>(code); }
 
 std::string clusterLine(const std::string& poll,
                         const std::string& name = "alpha") {
-  std::string c = kClusterLine;
-  c.replace(c.find("POLL"), 4, poll);
-  c.replace(c.find("alpha"), 5, name);
-  return c;
+  return "C " + name + " 2 3 9f3c 17 1700000000 512 " + poll +
+         " 1700000100 0 node1 test_cluster";
 }
 
+// With the quirks daemons send: CR LF, blank lines, runs of blanks, odd kinds.
 std::string infoReply(const std::string& poll = "3600",
                       const std::string& name = "alpha") {
-  return "Cn cluster information\n" + clusterLine(poll, name) +
-         "\n"
-         "N node1 127.0.0.1 4\n"
-         "N node2 127.0.0.2 4\n"
-         "S 0 web running auto 0 node1\n"
-         "S 1 db stopped manual 0 -\n"
-         "S 2 mail broken auto 1 -\n"
-         "V 1.0 2.2\n"
-         "X extra stuff\n";
+  return "Cn cluster information\r\n\r\n" + clusterLine(poll, name) +
+         "\r\n   \nN  node1\t127.0.0.1  4 \r\nN node2 127.0.0.2 4\n"
+         "S 0 web running auto 0 node1\nS 1 db stopped manual 0 -\n"
+         "S 2 mail broken auto 1 -\nV 1.0 2.2\nX extra stuff\n"
+         "Svc long first field\n";
 }
 
-using CerrCapture = testsupport::StreamCapture;
+std::vector<looptest::Script> scripts(const Strings& replies) {
+  std::vector<looptest::Script> out(replies.size());
+  for (std::size_t i = 0; i < replies.size(); ++i) out[i].reply = replies[i];
+  return out;
+}
 
-// Every test starts from an empty cache and leaves one behind.
+// Answers the given replies in turn, the last one for good.
+struct Daemon : looptest::LoopbackServer {
+  explicit Daemon(const Strings& replies) : LoopbackServer(scripts(replies)) {}
+  int requests() const { return static_cast<int>(frames().size()); }
+};
+
+const char kHost[] = "127.0.0.1";
+
+// A long salt timeout: a loaded machine may be slow to run the daemon.
 class InfoCache : public ::testing::Test {
  protected:
-  void SetUp() override { tovCache.clearCache(); }
-  void TearDown() override { tovCache.clearCache(); }
-
-  // A port on which nothing listens any more.
-  static std::string deadPort() {
-    LoopbackDaemon gone("");
-    std::string port = gone.port();
-    gone.stop();
-    return port;
+  void SetUp() override {
+    tovCache.clearCache();
+    tovNet.setTimeout(30);
+  }
+  void TearDown() override {
+    tovCache.clearCache();
+    tovNet.setTimeout(3);
   }
 };
 
-}  // namespace
-
-TEST(InfoParser, SortsRecordsByKind) {
-  InfoTable table;
-  std::string why;
-  ASSERT_TRUE(cacheinternal::parseInfoReply(infoReply("5"), table, why)) << why;
-  ASSERT_EQ(table.size(), static_cast<std::size_t>(tovInfo_COUNT));
-  ASSERT_EQ(table[tovInfo_C].size(), 1u);
-  EXPECT_EQ(table[tovInfo_C][0].size(), static_cast<std::size_t>(c_SIZE_OK));
-  EXPECT_EQ(table[tovInfo_C][0][0], "C");
-  EXPECT_EQ(table[tovInfo_C][0][c_poll_time], "5");
-  EXPECT_EQ(table[tovInfo_C][0][c_machine_desc], "test_cluster");
-  EXPECT_EQ(table[tovInfo_N].size(), 2u);
-  EXPECT_EQ(table[tovInfo_N][1][n_ip_address], "127.0.0.2");
-  EXPECT_EQ(table[tovInfo_S].size(), 3u);
-  EXPECT_EQ(table[tovInfo_V].size(), 1u);
-  ASSERT_EQ(table[tovInfo_MISC].size(), 1u);
-  EXPECT_EQ(table[tovInfo_MISC][0],
-            (std::vector<std::string>{"X", "extra", "stuff"}));
+TEST(ReplyDecoder, StatusOfEveryLetter) {
+  const std::pair<const char*, tov_error_enum> known[] = {
+      {"afnwz", TOV_OK},         {"b", TOV_COMMS_ALREADY},
+      {"c", TOV_COMMS_NOTRUN},   {"dh", TOV_COMMS_FAIL},
+      {"e", TOV_COMMS_PASSFAIL}, {"g", TOV_COMMS_BADSERVICE},
+      {"i", TOV_COMMS_SYSDOWN},  {"j", TOV_COMMS_NOT_BROKEN},
+      {"ko", TOV_COMMS_BUSY},    {"l", TOV_COMMS_ARGS},
+      {"mp", TOV_COMMS_LOCKED},  {"u", TOV_COMMS_TOVERR},
+  };
+  for (int c = 1; c < 256; ++c) {
+    tov_error_enum code = TOV_COMMS_BADRESPONSE;
+    for (const auto& [letters, itsCode] : known) {
+      if (std::strchr(letters, c) != nullptr) code = itsCode;
+    }
+    char reply[] = {'B', static_cast<char>(c), ' ', 'x', '\0'};
+    tovDebug.setError(TOV_OK);
+    EXPECT_EQ(tovResponse.getTOVResponseStatus(reply), negated(code)) << c;
+    EXPECT_EQ(tovDebug.getError(), static_cast<int>(code)) << "letter " << c;
+  }
 }
 
-TEST(InfoParser, ToleratesBlankLinesRunsOfBlanksAndCrLf) {
-  std::string reply =
-      "Cn info\r\n\r\n" + std::string(kClusterLine) +
-      "\r\n   \nN  node1\t127.0.0.1  4 \r\nSvc long first field\n";
-  InfoTable table;
-  std::string why;
-  ASSERT_TRUE(cacheinternal::parseInfoReply(reply, table, why)) << why;
-  EXPECT_EQ(table[tovInfo_C][0].size(), static_cast<std::size_t>(c_SIZE_OK));
-  EXPECT_EQ(table[tovInfo_N][0],
-            (std::vector<std::string>{"N", "node1", "127.0.0.1", "4"}));
-  // Only a single-character first field is a record letter.
-  ASSERT_EQ(table[tovInfo_MISC].size(), 1u);
-  EXPECT_EQ(table[tovInfo_MISC][0][0], "Svc");
+// Nothing past the terminator is read; every outcome is traced.
+TEST(ReplyDecoder, StatusOfShortBuffersAndItsTraces) {
+  // Reply (nullptr: no buffer at all), status, trace.
+  const std::tuple<const char*, int, const char*> cases[] = {
+      {nullptr, negated(TOV_COMMS_NORESPONSE), "no reply"},
+      {"", negated(TOV_COMMS_BADRESPONSE), "reply too short [0 character(s)]"},
+      {"C", negated(TOV_COMMS_BADRESPONSE), "reply too short [1 character(s)]"},
+      {"Ca", 0, "reply letter 'a' gives 0"}};
+  for (const auto& [reply, status, trace] : cases) {
+    SCOPED_TRACE(reply ? reply : "no buffer");
+    std::string copy = reply ? reply : "";
+    testsupport::StreamCapture cerr;
+    tovDebug.setError(TOV_OK);
+    tovDebug.setDebugLevel(2);
+    EXPECT_EQ(tovResponse.getTOVResponseStatus(reply ? &copy[0] : nullptr),
+              status);
+    tovDebug.setDebugLevel(0);
+    EXPECT_EQ(tovDebug.getError(), -status);
+    EXPECT_NE(cerr.text().find(trace), std::string::npos) << cerr.text();
+  }
+}
+
+TEST(ReplyDecoder, MessageAndServiceStateWords) {
+  const std::pair<std::string, const char*> cases[] = {
+      {"Ba service 0 (web) bounced", "service 0 (web) bounced"},
+      {"Cn cluster information\nC alpha 2\n", "cluster information"},
+      {"Bk daemon busy\r\n", "daemon busy"},
+      {"Bfno blank", "no blank"},
+      {"Zu\nsecond line", ""},
+      {"C", ""}};
+  for (auto [reply, message] : cases) {
+    EXPECT_EQ(tovResponse.getTOVResponseMsg(&reply[0]), message) << reply;
+  }
+  EXPECT_EQ(tovResponse.getTOVResponseMsg(nullptr), "");
+
+  const char* const words[] = {"unknown",  "running", "stopped", "starting",
+                               "stopping", "broken",  "unknown"};
+  for (int state = -1; state <= 5; ++state) {
+    EXPECT_EQ(tovResponse.getTOVServiceState(state), words[state + 1]);
+  }
+  EXPECT_EQ(tovResponse.getTOVServiceState(1000), "unknown");
 }
 
 TEST(InfoParser, RefusesUntrustworthyReplies) {
-  const std::string c = kClusterLine;
-  const struct {
-    std::string reply;
-    const char* why;
-  } cases[] = {
-      {"", "not a data reply"},
+  const std::string c = clusterLine("5");
+  const std::pair<std::string, const char*> cases[] = {
       {"C", "not a data reply"},
       {"Ck daemon busy\n", "not a data reply"},
-      {"Cn info\n", "no cluster record"},
       {"Cn info\nN node1 127.0.0.1 4\n", "no cluster record"},
       {"Cn info\nC alpha 2 3 9f3c 17 1 512 5 1 0 node1\n", "has 12 fields"},
       {"Cn info\n" + c + " extra\n", "has 14 fields"},
-      {"Cn info\n" + c + "\n" + c + "\n", "more than one cluster record"},
-  };
-  for (const auto& tc : cases) {
+      {"Cn info\n" + c + "\n" + c + "\n", "more than one cluster record"}};
+  for (const auto& [reply, expected] : cases) {
     InfoTable table(1, {{"keep"}});
     std::string why;
-    EXPECT_FALSE(cacheinternal::parseInfoReply(tc.reply, table, why))
-        << tc.reply;
-    EXPECT_NE(why.find(tc.why), std::string::npos) << why;
+    EXPECT_FALSE(cacheinternal::parseInfoReply(reply, table, why)) << reply;
+    EXPECT_NE(why.find(expected), std::string::npos) << why;
     EXPECT_EQ(table, InfoTable(1, {{"keep"}})) << "output must stay untouched";
   }
 }
 
-TEST(InfoParser, LettersAndKindsCorrespond) {
+TEST(InfoParser, LettersKindsAndNumbers) {
   const std::string letters = "BCFGHINPRSVW";
   for (unsigned kind = tovInfo_B; kind < tovInfo_COUNT; ++kind) {
-    char letter = cacheinternal::letterOfKind(kind);
+    const char letter = cacheinternal::letterOfKind(kind);
     EXPECT_EQ(letter, letters[kind - 1]);
     EXPECT_EQ(cacheinternal::kindOfLetter(letter), kind);
   }
@@ -134,177 +164,87 @@ TEST(InfoParser, LettersAndKindsCorrespond) {
   EXPECT_EQ(cacheinternal::letterOfKind(tovInfo_COUNT), '\0');
   for (char other : {'A', 'X', 'c', '\0', ' '})
     EXPECT_EQ(cacheinternal::kindOfLetter(other), tovInfo_MISC) << other;
-}
 
-TEST(InfoParser, FieldToInt) {
-  const struct {
-    const char* text;
-    bool ok;
-    int value;
-  } cases[] = {
-      {"5", true, 5},
-      {"-3", true, -3},
-      {"+7", true, 7},
-      {"2147483647", true, 2147483647},
-      {"-2147483648", true, -2147483647 - 1},
-      {"2147483648", false, 0},
-      {"-2147483649", false, 0},
-      {"99999999999999999999", false, 0},
-      {"", false, 0},
-      {"-", false, 0},
-      {"12a", false, 0},
-      {" 5", false, 0},
-  };
-  for (const auto& c : cases) {
+  // A numeric field: a sign, then digits only, within the range of int.
+  for (const auto& [text, expected] :
+       std::vector<std::pair<const char*, int>>{{"+7", 7},
+                                                {"-3", -3},
+                                                {"2147483647", INT_MAX},
+                                                {"-2147483648", INT_MIN}}) {
     int value = 0;
-    EXPECT_EQ(cacheinternal::fieldToInt(c.text, value), c.ok) << c.text;
-    if (c.ok) {
-      EXPECT_EQ(value, c.value) << c.text;
-    }
+    EXPECT_TRUE(cacheinternal::fieldToInt(text, value)) << text;
+    EXPECT_EQ(value, expected) << text;
+  }
+  for (const char* text : {"2147483648", "-2147483649", "99999999999999999999",
+                           "", "-", "12a", " 5"}) {
+    int value = 0;
+    EXPECT_FALSE(cacheinternal::fieldToInt(text, value)) << text;
   }
 }
 
-TEST_F(InfoCache, RefreshFetchesOnceWhileFreshAndAgainWhenForced) {
-  LoopbackDaemon daemon(infoReply("3600"));
-  ASSERT_TRUE(daemon.ok());
-  EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-  EXPECT_EQ(daemon.requests(), 1);
-  EXPECT_EQ(daemon.lastRequest(), "CCN\n");
-  EXPECT_EQ(tovCache.refreshCache("", daemon.port(), false), 0);
+TEST_F(InfoCache, DataIsFetchedWhenStaleForcedOrFromAnotherPort) {
+  Daemon daemon({infoReply("3600")});
+  EXPECT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), false), 0);
+  EXPECT_EQ(daemon.frames(), Strings{std::string("CCN\n\0", 5)});
+  EXPECT_EQ(tovCache.refreshCache("", daemon.portStr(), false), 0);
   EXPECT_EQ(daemon.requests(), 1) << "fresh data must not be fetched again";
-  EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
+  EXPECT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), true), 0);
   EXPECT_EQ(daemon.requests(), 2);
-}
 
-TEST_F(InfoCache, StaleDataIsFetchedAgain) {
-  LoopbackDaemon daemon(infoReply("0"));
-  ASSERT_TRUE(daemon.ok());
+  Daemon other({infoReply("0"), infoReply("0"), infoReply("1")});
   for (int i = 1; i <= 3; ++i) {
-    EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-    EXPECT_EQ(daemon.requests(), i) << "poll time 0 is always stale";
+    EXPECT_EQ(tovCache.refreshCache(kHost, other.portStr(), false), 0);
+    EXPECT_EQ(other.requests(), i) << "a new port, then poll time 0";
   }
-  daemon.setReply(infoReply("1"));
-  EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-  EXPECT_EQ(daemon.requests(), 5) << "one poll time has passed";
+  EXPECT_EQ(daemon.requests(), 2);
+  // Poll time 1 now: stale once the clock has passed it.
+  const std::time_t stored = std::time(nullptr);
+  for (int i = 0; i < 400 && std::time(nullptr) <= stored; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(tovCache.refreshCache(kHost, other.portStr(), false), 0);
+  EXPECT_EQ(other.requests(), 4);
 }
 
-TEST_F(InfoCache, AnotherPortIsAnotherDaemon) {
-  LoopbackDaemon first(infoReply("3600", "first"));
-  LoopbackDaemon second(infoReply("3600", "second"));
-  ASSERT_TRUE(first.ok() && second.ok());
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", first.port(), false), 0);
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", second.port(), false), 0);
-  EXPECT_EQ(second.requests(), 1);
-  EXPECT_EQ(tovCache.tovInfoGetValue("127.0.0.1", tovInfo_C, 0, c_cluster_name),
-            "second");
-}
-
-TEST_F(InfoCache, FailedFetchKeepsOldData) {
-  LoopbackDaemon daemon(infoReply("3600"));
-  ASSERT_TRUE(daemon.ok());
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-
-  const struct {
-    std::string reply;
-    int result;
-    const char* message;
-  } refusals[] = {
-      {"Ck daemon busy\n", -static_cast<int>(TOV_COMMS_BUSY), "daemon busy"},
-      {"Ca ok\n", -static_cast<int>(TOV_NO_DATA), "no cluster information"},
-      {"", -static_cast<int>(TOV_COMMS_BADRESPONSE), "no cluster information"},
-      {"Cn info\nN node9 127.0.0.9 4\n",
-       -static_cast<int>(TOV_RNC_CORRUPTENTRY), "no cluster record"},
-      {"Cn info\nC short record\n", -static_cast<int>(TOV_RNC_CORRUPTENTRY),
-       "has 3 fields"},
-  };
-  for (const auto& r : refusals) {
-    daemon.setReply(r.reply);
-    CerrCapture cerr;
-    EXPECT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), r.result)
-        << r.reply;
-    EXPECT_NE(cerr.text().find(r.message), std::string::npos) << cerr.text();
-    EXPECT_EQ(tovCluster.getClusterName("127.0.0.1"), "alpha");
-    EXPECT_EQ(tovCache.getNumberOfLetterEntries("127.0.0.1", tovInfo_S), 3);
+TEST_F(InfoCache, FailedFetchKeepsOldDataAndASuccessfulOneReplacesIt) {
+  const std::tuple<std::string, tov_error_enum, const char*> refusals[] = {
+      {"Ck daemon busy\n", TOV_COMMS_BUSY, "daemon busy"},
+      {"Ca ok\n", TOV_NO_DATA, "no cluster information"},
+      {"", TOV_COMMS_BADRESPONSE, "no cluster information"},
+      {"Cn info\nC short record\n", TOV_RNC_CORRUPTENTRY, "has 3 fields"}};
+  Strings replies{infoReply()};
+  for (const auto& r : refusals) replies.push_back(std::get<0>(r));
+  replies.push_back("Cn info\n" + clusterLine("7", "beta") + "\n");
+  Daemon daemon(replies);
+  ASSERT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), false), 0);
+  for (const auto& [reply, code, message] : refusals) {
+    SCOPED_TRACE(reply);
+    testsupport::StreamCapture cerr;
+    EXPECT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), true),
+              negated(code));
+    EXPECT_NE(cerr.text().find(message), std::string::npos) << cerr.text();
+    EXPECT_EQ(tovCluster.getClusterName(kHost), "alpha");
+    EXPECT_EQ(tovCache.getNumberOfLetterEntries(kHost, tovInfo_S), 3);
   }
-
-  daemon.stop();
+  const std::string deadPort = std::to_string(testsupport::closedPort());
   {
-    CerrCapture cerr;
-    EXPECT_LT(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
+    testsupport::StreamCapture cerr;
+    EXPECT_LT(tovCache.refreshCache(kHost, deadPort, true), 0);
   }
-  EXPECT_EQ(tovCluster.getClusterName("127.0.0.1"), "alpha");
-}
+  EXPECT_EQ(tovCluster.getClusterName(kHost), "alpha");
 
-TEST_F(InfoCache, SuccessfulFetchReplacesAllOfTheHostsData) {
-  LoopbackDaemon daemon(infoReply("3600"));
-  ASSERT_TRUE(daemon.ok());
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-  daemon.setReply("Cn info\n" + clusterLine("7", "beta") + "\n");
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
-  EXPECT_EQ(tovCluster.getClusterName("127.0.0.1"), "beta");
-  EXPECT_EQ(tovCluster.getPollTime("127.0.0.1"), 7);
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries("127.0.0.1", tovInfo_S), 0);
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries("127.0.0.1", tovInfo_MISC), 0);
-}
+  ASSERT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), true), 0);
+  EXPECT_EQ(tovCluster.getClusterName(kHost), "beta");
+  EXPECT_EQ(tovCluster.getPollTime(kHost), 7);
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(kHost, tovInfo_S), 0);
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(kHost, tovInfo_MISC), 0);
 
-TEST_F(InfoCache, LookupsOnCachedData) {
-  LoopbackDaemon daemon(infoReply("3600"));
-  ASSERT_TRUE(daemon.ok());
-  const std::string a = "127.0.0.1";
-  const std::string p = daemon.port();
-  ASSERT_EQ(tovCache.refreshCache(a, p, false), 0);
-
-  EXPECT_EQ(tovCache.tovInfoGetValueVector(a, tovInfo_V, 0),
-            (std::vector<std::string>{"V", "1.0", "2.2"}));
-  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_S, 2, 3), "broken");
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_N), 2);
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_B), 0);
-
-  EXPECT_EQ(tovCache.infoHandler('S', 1, 2, a, p), "db");
-  EXPECT_EQ(tovCache.infoCharHandler('S', 1, 4, a, p), 'm');
-  EXPECT_EQ(tovCache.infoIntHandler('C', 0, c_poll_time, a, p), 3600);
-  EXPECT_EQ(tovCache.infoIntHandler('S', 0, 2, a, p), -1);
-  EXPECT_EQ(tovCache.infoVecHandler('N', 1, 1, a, p),
-            (std::vector<std::string>{"node2", "127.0.0.2", "4"}));
-  EXPECT_EQ(tovCache.getAllLetterInfoHandler('S', a, false, p).size(), 3u);
-  auto misc = tovCache.getAllLetterInfoHandler('X', a, false, "");
-  ASSERT_EQ(misc.size(), 1u);
-  EXPECT_EQ(misc[0][1], "extra");
-  EXPECT_TRUE(tovCache.getAllLetterInfoHandler('Q', a, false, p).empty());
-  EXPECT_EQ(daemon.requests(), 1) << "queries of fresh data stay local";
-
-  EXPECT_EQ(tovCache.getHostnameForNode("127.0.0.2"), "node2");
-  EXPECT_EQ(tovCache.getHostnameForNode(""), "node1");
-  EXPECT_EQ(tovCache.getPollTime(a), 60) << "a busy retry waits a minute";
-
-  // Out of range anywhere: empty answers, never a crash.
-  const auto badKind = static_cast<tov_info_letters>(99);
-  EXPECT_TRUE(tovCache.tovInfoGetValueVector(a, badKind, 0).empty());
-  EXPECT_TRUE(tovCache.tovInfoGetValueVector(a, tovInfo_S, 3).empty());
-  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_C, 0, c_SIZE_OK), "");
-  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_C, 1, 0), "");
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, badKind), -1);
-  EXPECT_EQ(tovCache.infoHandler('S', 9, 0, a, p), "");
-  EXPECT_EQ(tovCache.infoHandler('S', 0, 40, a, p), "");
-  EXPECT_EQ(tovCache.infoCharHandler('S', 0, 40, a, p), '\0');
-  EXPECT_TRUE(tovCache.infoVecHandler('S', 0, 7, a, p).empty());
-  EXPECT_EQ(daemon.requests(), 1);
-}
-
-TEST_F(InfoCache, UnknownHostsGiveEmptyAnswers) {
+  // A host never fetched: queries go to the port last asked for it.
   const std::string h = "127.0.0.77";
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries(h, tovInfo_C), -1);
-  EXPECT_EQ(tovCache.tovInfoGetValue(h, tovInfo_C, 0, c_cluster_name), "");
-  EXPECT_TRUE(tovCache.tovInfoGetValueVector(h, tovInfo_C, 0).empty());
   EXPECT_EQ(tovCache.getHostnameForNode(h), "");
-
-  // Queries that fetch go to the port last asked for this host.
-  std::string port = deadPort();
-  CerrCapture cerr;
-  EXPECT_LT(tovCache.refreshCache(h, port, false), 0);
-  EXPECT_EQ(cacheinternal::rememberedPort(tovCache, h), port);
+  testsupport::StreamCapture cerr;
+  EXPECT_LT(tovCache.refreshCache(h, deadPort, false), 0);
+  EXPECT_EQ(cacheinternal::rememberedPort(tovCache, h), deadPort);
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(h, tovInfo_C), -1);
   EXPECT_EQ(tovCache.getPollTime(h), 1);
   EXPECT_EQ(tovCluster.getServiceCount(h), -1);
   EXPECT_EQ(tovCluster.getClusterName(h), "");
@@ -314,55 +254,85 @@ TEST_F(InfoCache, UnknownHostsGiveEmptyAnswers) {
   EXPECT_TRUE(tovCache.getAllLetterInfoHandler('N', h, true, "").empty());
 }
 
-TEST_F(InfoCache, RememberedPortOutlivesClearCache) {
-  LoopbackDaemon daemon(infoReply("3600"));
-  ASSERT_TRUE(daemon.ok());
-  ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
+TEST_F(InfoCache, LookupsOfFreshDataStayLocal) {
+  Daemon daemon({infoReply("3600")});
+  const std::string a = kHost;
+  const std::string p = daemon.portStr();
+  ASSERT_EQ(tovCache.refreshCache(a, p, false), 0);
+
+  // Records are sorted by kind, split at runs of blanks, CR LF or not.
+  EXPECT_EQ(tovCache.tovInfoGetValueVector(a, tovInfo_N, 0),
+            (Strings{"N", "node1", "127.0.0.1", "4"}));
+  EXPECT_EQ(tovCache.tovInfoGetValueVector(a, tovInfo_V, 0),
+            (Strings{"V", "1.0", "2.2"}));
+  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_S, 2, 3), "broken");
+  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_C, 0, c_machine_desc),
+            "test_cluster");
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_N), 2);
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_B), 0);
+  EXPECT_EQ(tovCache.getAllLetterInfoHandler('S', a, false, p).size(), 3u);
+  // Only a single-character first field is a record letter.
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_MISC), 2);
+  EXPECT_EQ(tovCache.getAllLetterInfoHandler('X', a, false, ""),
+            std::vector<Strings>({{"X", "extra", "stuff"}}));
+  EXPECT_TRUE(tovCache.getAllLetterInfoHandler('Q', a, false, p).empty());
+  EXPECT_EQ(tovCache.infoHandler('S', 1, 2, a, p), "db");
+  EXPECT_EQ(tovCache.infoCharHandler('S', 1, 4, a, p), 'm');
+  EXPECT_EQ(tovCache.infoIntHandler('C', 0, c_poll_time, a, p), 3600);
+  EXPECT_EQ(tovCache.infoIntHandler('S', 0, 2, a, p), -1);
+  EXPECT_EQ(tovCache.infoVecHandler('N', 1, 1, a, p),
+            (Strings{"node2", "127.0.0.2", "4"}));
+  EXPECT_EQ(tovCache.getHostnameForNode("127.0.0.2"), "node2");
+  EXPECT_EQ(tovCache.getHostnameForNode(""), "node1");
+  EXPECT_EQ(tovCache.getPollTime(a), 60) << "a busy retry waits a minute";
+
+  // Out of range anywhere: empty answers, never a crash.
+  const auto badKind = static_cast<tov_info_letters>(99);
+  EXPECT_TRUE(tovCache.tovInfoGetValueVector(a, badKind, 0).empty());
+  EXPECT_TRUE(tovCache.tovInfoGetValueVector(a, tovInfo_S, 3).empty());
+  EXPECT_EQ(tovCache.tovInfoGetValue(a, tovInfo_C, 0, c_SIZE_OK), "");
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, badKind), -1);
+  EXPECT_EQ(tovCache.infoHandler('S', 9, 0, a, p), "");
+  EXPECT_EQ(tovCache.infoCharHandler('S', 0, 40, a, p), '\0');
+  EXPECT_TRUE(tovCache.infoVecHandler('S', 0, 7, a, p).empty());
+  EXPECT_EQ(daemon.requests(), 1);
+
+  // The port asked last outlives a clear: a query goes back to it.
   tovCache.clearCache();
-  EXPECT_EQ(tovCache.getNumberOfLetterEntries("127.0.0.1", tovInfo_C), -1);
-  EXPECT_EQ(tovCluster.getNodeCount("127.0.0.1"), 2);
+  EXPECT_EQ(tovCache.getNumberOfLetterEntries(a, tovInfo_C), -1);
+  EXPECT_EQ(tovCluster.getNodeCount(a), 2);
   EXPECT_EQ(daemon.requests(), 2);
 }
 
+// A daemon may announce any poll time; waits use one from 1 s to 1 min.
 TEST_F(InfoCache, PollTimeForWaitingIsOneSecondToOneMinute) {
-  const struct {
-    const char* announced;
-    int forWaiting, field;
-    int requestsAfterSecondRefresh;  // 2: unusable, always stale
-  } cases[] = {
+  // Announced, for waiting, field, requests after a second refresh.
+  const std::tuple<const char*, int, int, int> cases[] = {
       {"-4", 1, -4, 2},
       {"soon", 1, -1, 2},
       {"61", 60, 61, 1},
-      {"2147483647", 60, 2147483647, 1},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.announced);
-    LoopbackDaemon daemon(infoReply(c.announced));
-    ASSERT_TRUE(daemon.ok());
-    ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), true), 0);
-    std::string traces;
-    {
-      CerrCapture cerr;
-      tovDebug.setDebugLevel(1);
-      EXPECT_EQ(tovCache.getPollTime("127.0.0.1"), c.forWaiting);
-      tovDebug.setDebugLevel(0);
-      traces = cerr.text();
-    }
-    EXPECT_NE(traces.find(c.forWaiting == 60 ? c.announced : "using 1 second"),
+      {"2147483647", 60, 2147483647, 1}};
+  for (const auto& [announced, forWaiting, field, requests] : cases) {
+    SCOPED_TRACE(announced);
+    Daemon daemon({infoReply(announced)});
+    ASSERT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), true), 0);
+    testsupport::StreamCapture cerr;
+    tovDebug.setDebugLevel(1);
+    EXPECT_EQ(tovCache.getPollTime(kHost), forWaiting);
+    tovDebug.setDebugLevel(0);
+    EXPECT_NE(cerr.text().find(forWaiting == 60 ? announced : "using 1 s"),
               std::string::npos)
-        << traces;
-    EXPECT_EQ(tovCluster.getPollTime("127.0.0.1"), c.field);
-    ASSERT_EQ(tovCache.refreshCache("127.0.0.1", daemon.port(), false), 0);
-    EXPECT_EQ(daemon.requests(), c.requestsAfterSecondRefresh);
+        << cerr.text();
+    EXPECT_EQ(tovCluster.getPollTime(kHost), field);
+    ASSERT_EQ(tovCache.refreshCache(kHost, daemon.portStr(), false), 0);
+    EXPECT_EQ(daemon.requests(), requests);
   }
 }
 
 TEST_F(InfoCache, ClusterQueriesReadTheClusterRecord) {
-  LoopbackDaemon daemon(infoReply("5"));
-  ASSERT_TRUE(daemon.ok());
-  const std::string a = "127.0.0.1";
-  ASSERT_EQ(tovCache.refreshCache(a, daemon.port(), false), 0);
-
+  Daemon daemon({infoReply("5")});
+  const std::string a = kHost;
+  ASSERT_EQ(tovCache.refreshCache(a, daemon.portStr(), false), 0);
   EXPECT_EQ(tovCluster.getClusterName(a), "alpha");
   EXPECT_EQ(tovCluster.getNodeCount(a), 2);
   EXPECT_EQ(tovCluster.getServiceCount(""), 3);
@@ -374,36 +344,21 @@ TEST_F(InfoCache, ClusterQueriesReadTheClusterRecord) {
   EXPECT_EQ(tovCluster.getStartupTime(a), 1700000100);
   EXPECT_EQ(tovCluster.getMachineBootstrap(a), 0);
   EXPECT_EQ(tovCluster.getClusterID(a), "alpha:9f3c");
-
   EXPECT_EQ(tovCluster.getAllClusterInfo(a, false), clusterLine("5"));
-  std::string pretty = tovCluster.getAllClusterInfo(a, true);
-  for (const std::string& line : std::vector<std::string>{
-           "Cluster name       : alpha\n", "Services           : 3\n",
-           "Poll time          : 5 second(s)\n", "Bootstrap mode     : no\n",
+  const std::string pretty = tovCluster.getAllClusterInfo(a, true);
+  for (const std::string& line : Strings{
+           "Cluster name       : alpha\n", "Bootstrap mode     : no\n",
            "Configuration time : " + tovUtils::getTimeStr(1700000000) + "\n"}) {
     EXPECT_NE(pretty.find(line), std::string::npos) << line << pretty;
   }
   EXPECT_EQ(daemon.requests(), 1);
 }
 
-TEST_F(InfoCache, LocalHostRecognition) {
-  const struct {
-    const char* address;
-    bool local;
-  } cases[] = {
-      {"", true},
-      {"127.0.0.1", true},
-      {"127.3.4.5", true},
-      {"::1", true},
-      {"localhost", true},
-      {"192.0.2.1", false},
-      {"2001:db8::1", false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(tovCache.isLocalHost(c.address), c.local) << c.address;
-  }
-
-  // Any address of this machine's interfaces counts as local.
+TEST(LocalHost, LoopbackNamesAndThisMachinesAddressesAreLocal) {
+  for (const char* local : {"", "127.0.0.1", "127.3.4.5", "::1", "localhost"})
+    EXPECT_TRUE(tovCache.isLocalHost(local)) << local;
+  for (const char* remote : {"192.0.2.1", "2001:db8::1"})
+    EXPECT_FALSE(tovCache.isLocalHost(remote)) << remote;
   ifaddrs* list = nullptr;
   ASSERT_EQ(getifaddrs(&list), 0);
   for (ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
@@ -415,3 +370,5 @@ TEST_F(InfoCache, LocalHostRecognition) {
   }
   freeifaddrs(list);
 }
+
+}  // namespace
