@@ -1,66 +1,277 @@
-// A minimal client written from the wire format alone, so the simulator is
-// tested without the client library.
+// A minimal client written from the wire format alone, so that the simulator
+// is tested without the client library, and the helpers its tests share.
 #ifndef TESTS_SIM_RAW_CLIENT_H
 #define TESTS_SIM_RAW_CLIENT_H
 
-#include <string>
-#include <vector>
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <openssl/hmac.h>
+#include <openssl/sha.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "support/sim.h"
 
 namespace rawtest {
 
-// Owns a socket descriptor.
-class Socket {
- public:
-  explicit Socket(int fd = -1) : fd_(fd) {}
-  ~Socket();
-  Socket(Socket&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-  Socket& operator=(Socket&& o) noexcept;
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  int fd() const { return fd_; }
+using Clock = std::chrono::steady_clock;
+using Str = const std::string&;
+using Strings = std::vector<std::string>;
+using simtest::SimOptions;
+using simtest::SimProcess;
+using ::testing::_;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::MatchesRegex;
 
- private:
-  int fd_;
+const std::string kDefault = simtest::defaultConfigJson();
+const std::string kUser = "admin";  // of the default cluster
+const std::string kPass = "secret";
+const std::string kProbe(8, '\xCD');  // the discovery probe
+
+inline long long msSince(Clock::time_point t) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t)
+      .count();
+}
+
+inline int msUntil(Clock::time_point t) {
+  return static_cast<int>(std::max(0LL, -msSince(t)));
+}
+
+// Polls `cond` every 10 ms for up to 10 s.
+template <class F>
+bool eventually(F cond) {
+  for (int i = 0; i < 1000 && !cond(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return cond();
+}
+
+inline bool logShows(SimProcess& sim, Str text) {
+  return eventually([&] { return sim.log().find(text) != std::string::npos; });
+}
+
+inline SimOptions withConfig(Str json, Strings args = {}) {
+  SimOptions o;
+  o.configJson = json;
+  o.extraArgs = std::move(args);
+  return o;
+}
+
+struct Socket {
+  explicit Socket(int f) : fd(f) {}
+  Socket(Socket&& o) noexcept : fd(o.fd) { o.fd = -1; }
+  ~Socket() { close(fd); }  // -1 after a move: harmless
+  int fd;
 };
 
-// TCP connection with a 5 s receive timeout; throws std::runtime_error.
-Socket connectTcp(const std::string& address, int port);
+inline sockaddr_in addressOf(Str address, int port) {
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, address.c_str(), &sa.sin_addr);
+  return sa;
+}
 
-// Reads until `n` bytes, end of stream, an error, or `ms` milliseconds of
-// waiting in total. `err` receives errno of a failed read (0 otherwise);
-// `eof` whether the peer closed.
-std::string readSome(int fd, std::size_t n, int ms, int* err = nullptr,
-                     bool* eof = nullptr);
+// Throws std::runtime_error when the connection fails.
+inline Socket connectTcp(Str address, int port) {
+  const sockaddr_in sa = addressOf(address, port);
+  Socket s(socket(AF_INET, SOCK_STREAM, 0));
+  if (connect(s.fd, reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) {
+    throw std::runtime_error(address + ": " + std::strerror(errno));
+  }
+  return s;
+}
 
-// Reads until the peer closes (or 5 s pass); `err` as above; `pieces`
-// receives the size of every successful read.
-std::string readToClose(int fd, int* err = nullptr,
-                        std::vector<std::size_t>* pieces = nullptr);
+struct Got {
+  std::string bytes;
+  int err = 0;       // errno of a failed read
+  bool eof = false;  // the peer closed
+  std::size_t reads = 0;
+  std::string salt;  // of an exchange
+};
 
-void sendAll(int fd, const std::string& bytes);
+// Reads until `n` bytes, end of stream, an error or `ms` milliseconds.
+inline Got readFor(int fd, std::size_t n, int ms) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
+  Got g;
+  for (pollfd p{fd, POLLIN, 0}; g.bytes.size() < n && g.reads < 100000 &&
+                                poll(&p, 1, msUntil(deadline)) > 0;
+       ++g.reads) {
+    char buf[8192];
+    const ssize_t got =
+        recv(fd, buf, std::min(sizeof buf, n - g.bytes.size()), 0);
+    if (got <= 0) {
+      g.eof = got == 0;
+      g.err = got < 0 ? errno : 0;
+      break;
+    }
+    g.bytes.append(buf, static_cast<std::size_t>(got));
+  }
+  return g;
+}
 
-// "<user> <hex HMAC-SHA-256(SHA-256(password), binsalt + line)>".
-std::string authLine(const std::string& user, const std::string& password,
-                     const std::string& salt, const std::string& line);
+inline std::string readSome(int fd, std::size_t n, int ms = 5000) {
+  return readFor(fd, n, ms).bytes;
+}
+
+inline Got readToClose(int fd) { return readFor(fd, std::string::npos, 10000); }
+
+inline void sendAll(int fd, Str bytes) {
+  ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+            static_cast<ssize_t>(bytes.size()));
+}
+
+// "<user> <hex HMAC-SHA-256(SHA-256(password), binsalt + line)>"; a salt of
+// 8 hex digits stands for 4 bytes, anything else is used as it is.
+inline std::string authLine(Str user, Str password, Str salt, Str line) {
+  unsigned char key[SHA256_DIGEST_LENGTH], md[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const unsigned char*>(password.data()),
+         password.size(), key);
+  std::string msg = salt;
+  if (salt.size() == 8 &&
+      salt.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos) {
+    msg.clear();
+    for (std::size_t i = 0; i < 8; i += 2) {
+      msg += static_cast<char>(std::stoi(salt.substr(i, 2), nullptr, 16));
+    }
+  }
+  msg += line;
+  HMAC(EVP_sha256(), key, sizeof key,
+       reinterpret_cast<const unsigned char*>(msg.data()), msg.size(), md,
+       nullptr);
+  std::string out = user + ' ';
+  for (std::size_t i = 0; i < 2 * sizeof md; ++i) {
+    out += "0123456789abcdef"[(md[i / 2] >> (i % 2 ? 0 : 4)) & 15];
+  }
+  return out;
+}
 
 // The frame a client sends: line, LF, [auth line, LF], data, NUL.
-std::string frame(const std::string& line, const std::string& auth = "",
-                  const std::string& data = "");
-
-struct Reply {
-  std::string salt;
-  std::string bytes;  // everything up to the close, NUL included
-  int err = 0;
-};
+inline std::string frame(Str line, Str auth = "", Str data = "") {
+  return line + "\n" + (auth.empty() ? "" : auth + "\n") + data +
+         std::string(1, '\0');
+}
 
 // One whole exchange; authenticates when `user` is not empty.
-Reply exchange(int port, const std::string& line, const std::string& user = "",
-               const std::string& password = "", const std::string& data = "",
-               const std::string& address = "127.0.0.1");
+inline Got exchange(int port, Str line, Str user = "", Str password = "",
+                    Str data = "", Str address = "127.0.0.1") {
+  Socket s = connectTcp(address, port);
+  const std::string salt = readSome(s.fd, 8);
+  sendAll(s.fd,
+          frame(line, user.empty() ? "" : authLine(user, password, salt, line),
+                data));
+  Got g = readToClose(s.fd);
+  g.salt = salt;
+  return g;
+}
+
+// The reply, authenticated as the default user when `auth`.
+inline std::string reply(int port, Str line, bool auth = false) {
+  return exchange(port, line, auth ? kUser : "", kPass).bytes;
+}
+
+inline std::string ask(Str address, int port, Str line) {
+  return exchange(port, line, "", "", "", address).bytes;
+}
+
+inline char letterOf(Str reply) { return reply.size() >= 2 ? reply[1] : '\0'; }
+
+// Sends each "<request> <letter>" in turn and expects that reply letter.
+inline void expectLetters(int port, const Strings& steps, bool auth = true) {
+  for (const std::string& s : steps) {
+    const std::string r = reply(port, s.substr(0, s.size() - 2), auth);
+    EXPECT_EQ(letterOf(r), s.back()) << "\"" << s << "\" got " << r;
+  }
+}
 
 // The reply's lines without the closing NUL and without empty pieces.
-std::vector<std::string> lines(const std::string& reply);
-std::vector<std::string> fields(const std::string& line);
+inline Strings lines(Str reply) {
+  Strings out;
+  std::istringstream in(reply.substr(0, reply.find('\0')));
+  for (std::string l; std::getline(in, l);) {
+    if (!l.empty()) out.push_back(l);
+  }
+  return out;
+}
+
+inline std::string firstLine(Str reply) {
+  return reply.substr(0, reply.find_first_of(std::string("\n\0", 2)));
+}
+
+// Split at every blank, so that a doubled blank shows up as an empty field.
+inline Strings fields(Str line) {
+  Strings out(1);
+  for (char c : line) {
+    if (c == ' ') out.emplace_back();
+    if (c != ' ') out.back() += c;
+  }
+  return out;
+}
+
+// A UDP port free on every address given.
+inline int freeUdpPort(const Strings& addrs) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    std::vector<Socket> held;
+    int port = 0;
+    for (const std::string& a : addrs) {
+      held.emplace_back(socket(AF_INET, SOCK_DGRAM, 0));
+      sockaddr_in sa = addressOf(a, port);
+      socklen_t len = sizeof sa;
+      if (bind(held.back().fd, reinterpret_cast<sockaddr*>(&sa), len) != 0) {
+        break;
+      }
+      getsockname(held.back().fd, reinterpret_cast<sockaddr*>(&sa), &len);
+      port = ntohs(sa.sin_port);
+      if (held.size() == addrs.size()) return port;
+    }
+  }
+  throw std::runtime_error("no free UDP port");
+}
+
+struct Datagram {
+  std::string text, from;
+};
+
+// Sends each datagram to every address from one socket; collects answers
+// until `want` came (or 5 s passed), and then for `graceMs` more.
+inline std::vector<Datagram> probe(const Strings& addrs, int port, size_t want,
+                                   const Strings& sent = {kProbe},
+                                   int graceMs = 100) {
+  Socket s(socket(AF_INET, SOCK_DGRAM, 0));
+  for (const std::string& a : addrs) {
+    const sockaddr_in sa = addressOf(a, port);
+    for (const std::string& d : sent) {
+      sendto(s.fd, d.data(), d.size(), 0,
+             reinterpret_cast<const sockaddr*>(&sa), sizeof sa);
+    }
+  }
+  std::vector<Datagram> out;
+  auto until = Clock::now() + std::chrono::milliseconds(want ? 5000 : graceMs);
+  for (pollfd p{s.fd, POLLIN, 0}; poll(&p, 1, msUntil(until)) > 0;) {
+    char buf[8192], host[INET_ADDRSTRLEN];
+    sockaddr_in from{};
+    socklen_t len = sizeof from;
+    const ssize_t n = recvfrom(s.fd, buf, sizeof buf, 0,
+                               reinterpret_cast<sockaddr*>(&from), &len);
+    if (n < 0 || out.size() > 1000) break;
+    out.push_back({std::string(buf, static_cast<std::size_t>(n)),
+                   inet_ntop(AF_INET, &from.sin_addr, host, sizeof host)});
+    if (out.size() == want)
+      until = Clock::now() + std::chrono::milliseconds(graceMs);
+  }
+  return out;
+}
 
 }  // namespace rawtest
 
