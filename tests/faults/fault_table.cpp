@@ -1,15 +1,17 @@
 #include "fault_table.h"
 
-#include "support/net_helpers.h"
-
-#include <dirent.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
-#include <stdexcept>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <map>
+#include <regex>
 #include <utility>
 
+#include "support/net_helpers.h"
 #include "tovapi/libtovapi.h"
 
 namespace faults {
@@ -18,311 +20,209 @@ namespace {
 
 using namespace tov1;
 
-// tovctl's exit status when --deadline ends a command.
-constexpr int kExitDeadline = 98;
-
-Expect ok(const std::string& text = "") { return {0, text}; }
-Expect fails(int code, const std::string& text) { return {code, text}; }
-
-// The one line tovctl prints for a failure; the code's text and name are
-// part of it.
-std::string line(const std::string& doing, const std::string& tail) {
-  return "tovctl: " + doing + " failed: " + tail;
-}
-const std::string kReadList = "reading the service list from {addr}:{port}";
+// What tovctl is doing when it fails, as its error line names it.
+const std::string kList = "reading the service list from {addr}:{port}";
 const std::string kBounce = "bounce of service 0 (web) on {addr}:{port}";
-std::string sendOf(const std::string& request) {
-  return "request \"" + request + "\" to {addr}:{port}";
+const std::string kSend = "request \"B 0\" to {addr}:{port}";
+
+const Expect kOk{0, ""};
+const Expect kBounced{0, "ok: bounce of service 0 (web) on {addr}:{port}"};
+const Expect kBounceReply{0, "Ba service 0 (web) bounced"};
+const std::string kAwaitReply =
+    "deadline of 2 s expired while awaiting the reply from {addr}:{port}";
+const std::string kRecvError =
+    "TOVNet::tovcomms(): recv() command reported an error [";
+const std::string kBusySays = "; the daemon says \"daemon busy\"";
+
+// tovctl's one line for a failure: what it was doing, why (for a library
+// code its text and name, for the deadline nothing), then `more`.
+Expect tool(const std::string& doing, int code, std::string more = "") {
+  static const std::map<int, std::string> why{
+      {TOV_COMMS_SALT, "salt not received (TOV_COMMS_SALT"},
+      {TOV_SOCK_TIMEOUT, "network timeout (TOV_SOCK_TIMEOUT"},
+      {TOV_COMMS_BADRESPONSE,
+       "bad response from daemon (TOV_COMMS_BADRESPONSE"},
+      {TOV_RNC_CORRUPTENTRY, "corrupt cache entry (TOV_RNC_CORRUPTENTRY"},
+      {TOV_SOCK_RECV, "receive failed (TOV_SOCK_RECV"},
+      {TOV_COMMS_BUSY, "daemon busy (TOV_COMMS_BUSY"},
+      {TOV_COMMS_FAIL, "daemon refused or failed the request (TOV_COMMS_FAIL"},
+      {TOV_SOCK_CONNECT, "cannot connect (TOV_SOCK_CONNECT"},
+  };
+  if (code != kExitDeadline)
+    more = why.at(code) + ", code " + std::to_string(code) + ")" + more;
+  return {code, "tovctl: " + doing + " failed: " + more};
 }
-const std::string kBounced = "ok: bounce of service 0 (web) on {addr}:{port}";
-const std::string kBounceReply = "Ba service 0 (web) bounced";
 
-std::vector<Fault> makeTable() {
+std::vector<Fault> faultTable() {
   std::vector<Fault> t;
-  Fault f;
-
-  // The daemon closes before it has said anything.
-  f = Fault{};
-  f.name = "no_salt";
-  f.simArgs = {"--no-salt"};
-  f.exchange = fails(TOV_COMMS_SALT,
-                     "TOVNet::tovcomms(): host didn't return a salt: "
-                     "{addr}:{port} [");
-  // The cache cannot be filled, so the cluster lists no services and the
-  // service number check refuses before anything is sent.
-  f.service = fails(TOV_SVC_INVALID, "host didn't return a salt");
-  f.bounce = fails(TOV_COMMS_SALT, line(kReadList,
-                                        "salt not received (TOV_COMMS_SALT, "
-                                        "code 31)"));
-  f.send = fails(TOV_COMMS_SALT, line(sendOf("B 0"),
-                                      "salt not received (TOV_COMMS_SALT, "
-                                      "code 31)"));
-  t.push_back(f);
-
-  // Five bytes instead of eight: the client pads with NULs, the daemon
-  // checks the digest the same way, and everything works.
-  f = Fault{};
-  f.name = "short_salt";
-  f.simArgs = {"--short-salt", "5"};
-  f.exchange = ok();
-  f.service = ok();
-  f.bounce = ok(kBounced);
-  f.send = ok(kBounceReply);
-  t.push_back(f);
-
-  f = Fault{};
-  f.name = "late_salt";
-  f.simArgs = {"--late-salt", "1500"};
-  f.exchange = fails(TOV_SOCK_TIMEOUT,
-                     "TOVNet::tovcomms(): network timed out connecting to "
-                     "{addr}:{port}");
-  f.service = fails(TOV_SVC_INVALID, "network timed out connecting to");
-  f.bounce =
-      fails(TOV_SOCK_TIMEOUT,
-            line(kReadList, "network timeout (TOV_SOCK_TIMEOUT, code 78)"));
-  f.send =
-      fails(TOV_SOCK_TIMEOUT,
-            line(sendOf("B 0"), "network timeout (TOV_SOCK_TIMEOUT, code 78)"));
-  t.push_back(f);
-
-  // Every reply, the information reply included, padded to 400 bytes and
-  // written three bytes at a time: it must arrive whole.
-  f = Fault{};
-  f.name = "dribbled_reply";
-  f.simArgs = {"--pad-to", "400", "--chunk", "3", "--chunk-pause", "1"};
-  f.exchange = ok();
-  f.replyLength = 399;  // the daemon's NUL is not kept
-  f.service = ok();
-  f.bounce = ok(kBounced);
-  f.send = ok(kBounceReply);
-  t.push_back(f);
-
-  // Only the first byte of the bounce reply: no reply letter.
-  f = Fault{};
-  f.name = "reply_cut_before_letter";
-  f.simArgs = {"--cut-after", "1", "--fault-letter", "B"};
-  f.exchange = ok();
-  f.replyStatus = TOV_COMMS_BADRESPONSE;
-  f.replyLength = 1;
-  f.service = fails(TOV_COMMS_BADRESPONSE, "");
-  f.bounce =
-      fails(TOV_COMMS_BADRESPONSE, line(kBounce,
-                                        "bad response from daemon "
-                                        "(TOV_COMMS_BADRESPONSE, code 32)"));
-  f.send =
-      fails(TOV_COMMS_BADRESPONSE, line(sendOf("B 0"),
-                                        "bad response from daemon "
-                                        "(TOV_COMMS_BADRESPONSE, code 32)"));
-  t.push_back(f);
-
-  // The information reply cut inside the cluster record. Only a close ends
-  // a reply, so the exchange hands the stump over as a success; the cache
-  // is the one to notice.
-  f = Fault{};
-  f.name = "reply_cut_in_information";
-  f.simArgs = {"--cut-after", "40"};
-  f.request = "CCN";
-  f.exchange = ok();
-  f.replyLength = 40;  // the cut counts the bytes sent; no NUL among them
-  f.service = fails(TOV_SVC_INVALID,
-                    "TOVNetCache::refreshCache(): corrupt information reply "
-                    "from {addr}:{port}");
-  f.bounce =
-      fails(TOV_RNC_CORRUPTENTRY, line(kReadList,
-                                       "corrupt cache entry "
-                                       "(TOV_RNC_CORRUPTENTRY, code 61)"));
-  f.send = ok("Cn cluster information");
-  t.push_back(f);
-
-  // Half of a 1000-byte reply, then a reset: what came is dropped.
-  f = Fault{};
-  f.name = "reset_mid_reply";
-  f.simArgs = {"--pad-to", "1000",           "--reset-after",
-               "500",      "--fault-letter", "B"};
-  f.exchange = fails(TOV_SOCK_RECV,
-                     "TOVNet::tovcomms(): recv() command reported an error "
-                     "[Connection reset by peer]");
-  f.service = fails(TOV_SOCK_RECV, "[Connection reset by peer]");
-  f.bounce = fails(TOV_SOCK_RECV,
-                   line(kBounce, "receive failed (TOV_SOCK_RECV, code 73)"));
-  f.send = fails(TOV_SOCK_RECV, line(sendOf("B 0"),
-                                     "receive failed "
-                                     "(TOV_SOCK_RECV, code 73)"));
-  t.push_back(f);
-
-  f = Fault{};
-  f.name = "reply_of_16_mib";
-  f.simArgs = {"--pad-to", "16777216", "--fault-letter", "B"};
-  f.exchange = ok();
-  f.replyLength = 16777215;
-  f.service = ok();
-  f.bounce = ok(kBounced);
-  f.send = ok(kBounceReply);
-  t.push_back(f);
-
-  // Busy on every request (the information reply is never busy); with poll
-  // time 0 the retries follow at once.
-  f = Fault{};
-  f.name = "busy_forever";
-  f.simArgs = {"--busy", "1000000"};
-  f.pollTime = 0;
-  f.exchange = ok();
-  f.replyStatus = TOV_COMMS_BUSY;
-  // All attempts busy leaves the library no reply to decode; nothing is
-  // said at level 0. tovctl calls it a busy daemon, as for every request.
-  f.service = fails(TOV_COMMS_NORESPONSE, "");
-  f.bounce = fails(TOV_COMMS_BUSY,
-                   line(kBounce,
-                        "daemon busy (TOV_COMMS_BUSY, code 26); still busy "
-                        "after 3 attempt(s) (-a N)"));
-  f.send = fails(TOV_COMMS_BUSY, line(sendOf("B 0"),
-                                      "daemon busy (TOV_COMMS_BUSY, code 26); "
-                                      "the daemon says \"daemon busy\""));
-  t.push_back(f);
-
-  f = Fault{};
-  f.name = "wrong_password";
-  f.wrongPassword = true;
-  f.exchange = ok();
-  f.replyStatus = TOV_COMMS_FAIL;
-  f.service = fails(TOV_COMMS_FAIL, "");
-  f.bounce =
-      fails(TOV_COMMS_FAIL, line(kBounce,
-                                 "daemon refused or failed the request "
-                                 "(TOV_COMMS_FAIL, code 22); check user admin "
-                                 "and the password"));
-  f.send = fails(TOV_COMMS_FAIL,
-                 line(sendOf("B 0"),
-                      "daemon refused or failed the request (TOV_COMMS_FAIL, "
-                      "code 22); the daemon says \"authentication failed\""));
-  t.push_back(f);
-
-  // The salt, then neither a reply nor a close: only a deadline ends the
-  // wait, in the middle of reading the reply.
-  const std::string deadline = "deadline of 2 s expired while ";
-  const std::string awaitReply =
-      deadline + "awaiting the reply from {addr}:{port}";
-  f = Fault{};
-  f.name = "salt_then_silence";
-  f.simArgs = {"--reply-delay", "600000"};
-  f.deadline = kDeadlineSec;
-  f.exchange = fails(TOV_SOCK_RECV,
-                     "TOVNet::tovcomms(): recv() command reported an error "
-                     "[Interrupted system call]");
-  f.service = fails(TOV_SVC_INVALID, "[Interrupted system call]");
-  f.bounce = fails(kExitDeadline, line(kReadList, awaitReply));
-  f.send = fails(kExitDeadline, line(sendOf("B 0"), awaitReply));
-  t.push_back(f);
-
-  // A reply streamed one byte a second never ends within a deadline.
-  f = Fault{};
-  f.name = "one_byte_a_second";
-  f.simArgs = {"--pad-to",      "4000", "--chunk",        "1",
-               "--chunk-pause", "1000", "--fault-letter", "B"};
-  f.deadline = kDeadlineSec;
-  f.exchange = fails(TOV_SOCK_RECV, "[Interrupted system call]");
-  f.service = fails(TOV_SOCK_RECV, "[Interrupted system call]");
-  f.bounce = fails(kExitDeadline, line(kBounce, awaitReply));
-  f.send = fails(kExitDeadline, line(sendOf("B 0"), awaitReply));
-  t.push_back(f);
-
-  // A busy daemon announcing a poll time of 68 years: the cache hands the
-  // retry at most a minute, and the deadline ends even that.
-  f = Fault{};
-  f.name = "busy_with_absurd_poll_time";
-  f.simArgs = {"--busy", "1000000"};
-  f.pollTime = 2147483647;
-  f.deadline = kDeadlineSec;
-  f.exchange = ok();
-  f.replyStatus = TOV_COMMS_BUSY;
-  f.service = {kAnyFailure, ""};
-  f.bounce =
-      fails(kExitDeadline,
-            line(kBounce, deadline + "waiting to retry the busy daemon at "
-                                     "{addr}:{port}"));
-  f.send = fails(TOV_COMMS_BUSY, line(sendOf("B 0"),
-                                      "daemon busy (TOV_COMMS_BUSY, code 26); "
-                                      "the daemon says \"daemon busy\""));
-  t.push_back(f);
-
-  // Nobody answers the connect: refused at once, or never answered at all
-  // (the connect itself times out). The exchange reports both as a connect
-  // failure.
+  const auto add = [&t](const char* name, std::vector<std::string> simArgs,
+                        Expect exchange, Expect service, Expect bounce,
+                        Expect send) -> Fault& {
+    t.push_back({name, std::move(simArgs), exchange, service, bounce, send});
+    return t.back();
+  };
+  // The daemon closes before it has said anything. The cache cannot be
+  // filled, so the cluster lists no services and serviceCommand refuses the
+  // number before sending.
+  add("no_salt", {"--no-salt"},
+      {TOV_COMMS_SALT,
+       "TOVNet::tovcomms(): host didn't return a salt: {addr}:{port} ["},
+      {TOV_SVC_INVALID, "host didn't return a salt"},
+      tool(kList, TOV_COMMS_SALT), tool(kSend, TOV_COMMS_SALT));
+  // Five bytes instead of eight: both ends pad with NULs, so it works.
+  add("short_salt", {"--short-salt", "5"}, kOk, kOk, kBounced, kBounceReply);
+  add("late_salt", {"--late-salt", "1500"},
+      {TOV_SOCK_TIMEOUT,
+       "TOVNet::tovcomms(): network timed out connecting to {addr}:{port}"},
+      {TOV_SVC_INVALID, "network timed out connecting to"},
+      tool(kList, TOV_SOCK_TIMEOUT), tool(kSend, TOV_SOCK_TIMEOUT));
+  // Every reply, the information reply too, written three bytes at a time;
+  // the daemon's NUL is not kept.
+  add("dribbled_reply",
+      {"--pad-to", "400", "--chunk", "3", "--chunk-pause", "1"}, kOk, kOk,
+      kBounced, kBounceReply)
+      .replyLength = 399;
+  Fault* r = &add(
+      "reply_cut_before_letter", {"--cut-after", "1", "--fault-letter", "B"},
+      kOk, {TOV_COMMS_BADRESPONSE, ""}, tool(kBounce, TOV_COMMS_BADRESPONSE),
+      tool(kSend, TOV_COMMS_BADRESPONSE));
+  r->replyStatus = TOV_COMMS_BADRESPONSE;
+  r->replyLength = 1;
+  // Only a close ends a reply, so the exchange hands the stump over as a
+  // success; the cache is the one to notice.
+  r = &add("reply_cut_in_information", {"--cut-after", "40"}, kOk,
+           {TOV_SVC_INVALID,
+            "TOVNetCache::refreshCache(): corrupt information reply from "
+            "{addr}:{port}"},
+           tool(kList, TOV_RNC_CORRUPTENTRY), {0, "Cn cluster information"});
+  r->request = "CCN";
+  r->replyLength = 40;
+  // What came before the reset is dropped.
+  add("reset_mid_reply",
+      {"--pad-to", "1000", "--reset-after", "500", "--fault-letter", "B"},
+      {TOV_SOCK_RECV, kRecvError + "Connection reset by peer]"},
+      {TOV_SOCK_RECV, "[Connection reset by peer]"},
+      tool(kBounce, TOV_SOCK_RECV), tool(kSend, TOV_SOCK_RECV));
+  add("reply_of_16_mib", {"--pad-to", "16777216", "--fault-letter", "B"}, kOk,
+      kOk, kBounced, kBounceReply)
+      .replyLength = 16777215;
+  // Busy on every request but the information one; with poll time 0 the
+  // library's retries follow at once and leave it no reply to decode.
+  r = &add(
+      "busy_forever", {"--busy", "1000000"}, kOk, {TOV_COMMS_NORESPONSE, ""},
+      tool(kBounce, TOV_COMMS_BUSY, "; still busy after 3 attempt(s) (-a N)"),
+      tool(kSend, TOV_COMMS_BUSY, kBusySays));
+  r->replyStatus = TOV_COMMS_BUSY;
+  r->pollTime = 0;
+  r = &add("wrong_password", {}, kOk, {TOV_COMMS_FAIL, ""},
+           tool(kBounce, TOV_COMMS_FAIL, "; check user admin and the password"),
+           tool(kSend, TOV_COMMS_FAIL,
+                "; the daemon says \"authentication failed\""));
+  r->replyStatus = TOV_COMMS_FAIL;
+  r->wrongPassword = true;
+  // The salt, then neither a reply nor a close.
+  add("salt_then_silence", {"--reply-delay", "600000"},
+      {TOV_SOCK_RECV, kRecvError + "Interrupted system call]"},
+      {TOV_SVC_INVALID, "[Interrupted system call]"},
+      tool(kList, kExitDeadline, kAwaitReply),
+      tool(kSend, kExitDeadline, kAwaitReply))
+      .stalls = true;
+  add("one_byte_a_second",
+      {"--pad-to", "4000", "--chunk", "1", "--chunk-pause", "1000",
+       "--fault-letter", "B"},
+      {TOV_SOCK_RECV, "[Interrupted system call]"},
+      {TOV_SOCK_RECV, "[Interrupted system call]"},
+      tool(kBounce, kExitDeadline, kAwaitReply),
+      tool(kSend, kExitDeadline, kAwaitReply))
+      .stalls = true;
+  // A poll time of 68 years: the cache hands the retry at most a minute,
+  // and the deadline ends even that, wherever the retry stands.
+  r = &add("busy_with_absurd_poll_time", {"--busy", "1000000"}, kOk,
+           {kAnyFailure, ""},
+           tool(kBounce, kExitDeadline,
+                "deadline of 2 s expired while waiting to retry the busy "
+                "daemon at {addr}:{port}"),
+           tool(kSend, TOV_COMMS_BUSY, kBusySays));
+  r->replyStatus = TOV_COMMS_BUSY;
+  r->pollTime = 2147483647;
+  r->stalls = true;
+  // Refused at once, never answered, or not routed: all a connect failure.
   for (const auto& [name, target] :
        {std::pair{"refused_port", Target::ClosedPort},
-        std::pair{"blackholed_address", Target::Blackhole}}) {
-    f = Fault{};
-    f.name = name;
-    f.target = target;
-    f.exchange = fails(TOV_SOCK_CONNECT,
-                       "TOVNet::tovcomms(): cannot connect to server {addr}: ");
-    f.service = fails(TOV_SVC_INVALID, "cannot connect to server {addr}: ");
-    f.bounce =
-        fails(TOV_SOCK_CONNECT,
-              line(kReadList, "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-    f.send = fails(
-        TOV_SOCK_CONNECT,
-        line(sendOf("B 0"), "cannot connect (TOV_SOCK_CONNECT, code 69)"));
-    t.push_back(f);
+        std::pair{"blackholed_address", Target::Blackhole},
+        std::pair{"no_route", Target::NoRoute}}) {
+    add(name, {},
+        {TOV_SOCK_CONNECT,
+         "TOVNet::tovcomms(): cannot connect to server {addr}: "},
+        {TOV_SVC_INVALID, "cannot connect to server {addr}: "},
+        tool(kList, TOV_SOCK_CONNECT), tool(kSend, TOV_SOCK_CONNECT))
+        .target = target;
   }
-
   return t;
 }
 
 }  // namespace
 
-const std::vector<Fault>& faultTable() {
-  static const std::vector<Fault> table = makeTable();
-  return table;
-}
+INSTANTIATE_TEST_SUITE_P(Faults, FaultRow, testing::ValuesIn(faultTable()),
+                         [](const testing::TestParamInfo<Fault>& info) {
+                           return info.param.name;
+                         });
 
-std::string fill(std::string text, const std::string& addr,
+std::string fill(const std::string& text, const std::string& addr,
                  const std::string& port) {
-  const std::pair<std::string, std::string> keys[] = {{"{addr}", addr},
-                                                      {"{port}", port}};
-  for (const auto& [key, value] : keys) {
-    for (std::size_t at = text.find(key); at != std::string::npos;
-         at = text.find(key, at + value.size())) {
-      text.replace(at, key.size(), value);
-    }
-  }
-  return text;
+  return std::regex_replace(
+      std::regex_replace(text, std::regex("\\{addr\\}"), addr),
+      std::regex("\\{port\\}"), port);
 }
 
 int openDescriptors() {
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
-  int n = 0;
-  while (const dirent* e = readdir(d)) {
-    if (e->d_name[0] != '.') ++n;
-  }
-  closedir(d);
-  return n;
+  return static_cast<int>(
+      std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
-int closedPort() { return testsupport::closedPort(); }
-
-const std::vector<std::string>& blackholeSetup() {
-  static const std::vector<std::string> setup{
-      "link add tvf0 type veth peer name tvf1",
-      "addr add 198.18.0.1/24 dev tvf0", "link set tvf0 up"};
-  return setup;
-}
-
-std::unique_ptr<simtest::SimProcess> startSimulator(const Fault& f) {
+std::unique_ptr<simtest::SimProcess> startSimulator(
+    const std::vector<std::string>& simArgs, long long pollTime) {
   simtest::SimOptions o;
   o.configJson = simtest::defaultConfigJson();
-  if (f.pollTime != 1) {
-    const std::string from = "\"poll_time\": 1";
-    const std::size_t at = o.configJson.find(from);
-    if (at == std::string::npos)
-      throw std::runtime_error("test cluster has no \"poll_time\": 1");
-    o.configJson.replace(at, from.size(),
-                         "\"poll_time\": " + std::to_string(f.pollTime));
-  }
-  o.extraArgs = f.simArgs;
-  o.maxLifetimeSec = 30;
+  const std::string from = "\"poll_time\": 1";
+  o.configJson.replace(o.configJson.find(from), from.size(),
+                       "\"poll_time\": " + std::to_string(pollTime));
+  o.extraArgs = simArgs;
+  o.maxLifetimeSec = 60;
   return std::make_unique<simtest::SimProcess>(o);
+}
+
+std::string onTarget(const Fault& f,
+                     void (*observe)(const Fault& f, const std::string& host,
+                                     const std::string& port)) {
+  if (f.target == Target::ClosedPort) {
+    observe(f, "127.0.0.1", std::to_string(testsupport::closedPort()));
+  } else if (f.target == Target::Simulator) {
+    auto sim = startSimulator(f.simArgs, f.pollTime);
+    observe(f, "127.0.0.1", sim->portStr());
+    sim->stop();
+    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
+  } else {
+    // This thread alone moves into a namespace of its own, and back after.
+    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    const bool moved =
+        geteuid() == 0 && home >= 0 && unshare(CLONE_NEWNET) == 0;
+    const bool ready =
+        moved && std::system(
+                     "ip link set lo up && ip link add tvf0 type veth "
+                     "peer name tvf1 && ip addr add 198.18.0.1/24 dev "
+                     "tvf0 && ip link set tvf0 up") == 0;
+    if (ready) {
+      observe(f, f.target == Target::NoRoute ? "198.18.9.2" : "198.18.0.2",
+              "1195");
+    }
+    if (moved) {
+      EXPECT_EQ(setns(home, CLONE_NEWNET), 0) << "still in the namespace";
+    }
+    if (home >= 0) close(home);
+    if (!ready) return "a private network namespace needs root and iproute2";
+  }
+  return "";
 }
 
 }  // namespace faults

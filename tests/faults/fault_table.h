@@ -1,136 +1,71 @@
-// The fault matrix: every way a daemon or the network can let a client down,
-// how the test brings it about, and what the library and tovctl must make of
-// it. Both suites (library_faults_test.cpp, tovctl_faults_test.cpp) walk the
-// same rows.
+// The fault matrix: each way a daemon or the network can let a client down,
+// and what the library and tovctl must make of it.
 #ifndef TESTS_FAULTS_FAULT_TABLE_H
 #define TESTS_FAULTS_FAULT_TABLE_H
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstddef>
-#include <iostream>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
-#include "netns/netns_lab.h"
 #include "support/sim.h"
 
 namespace faults {
 
-// Where the client is sent.
-enum class Target {
-  Simulator,   // tovsim on 127.0.0.1, with the row's fault flags
-  ClosedPort,  // a loopback port nothing listens on
-  Blackhole,   // an address in a private namespace that never answers
-};
+// tovsim with the row's fault flags, a loopback port nothing listens on, an
+// address that never answers, or one with no route to it.
+enum class Target { Simulator, ClosedPort, Blackhole, NoRoute };
 
-// An expected result: a result code (0 for success) and a text. For the
-// library the text is a fragment of what went to std::cerr ("" = nothing at
-// all); for tovctl it is the whole error line, or on success the beginning
-// of the first line on standard output. "{addr}" and "{port}" stand for the
-// address and port the client was sent to.
+// A result code (0: success) and a text: for the library a fragment of its
+// one line on std::cerr ("" = nothing at all); for tovctl the whole error
+// line, or on success the start of standard output. "{addr}" and "{port}"
+// stand for where the client was sent.
 struct Expect {
-  int code = 0;
+  int code;
   std::string text;
 };
 
-// A call cut short by a deadline fails, but where it was blocked when the
-// interruption came decides the code: only the failure is checked.
-constexpr int kAnyFailure = -1;
+constexpr int kAnyFailure = -1;    // cut short wherever it stood
+constexpr int kExitDeadline = 98;  // tovctl's status once --deadline ends it
+constexpr double kDeadlineSec = 2;
+constexpr float kTimeoutSec = 0.5f;  // connect and salt, library and tovctl
 
 struct Fault {
-  std::string name;  // test name suffix
-  Target target = Target::Simulator;
+  std::string name;
   std::vector<std::string> simArgs;
-  long long pollTime = 1;       // the cluster's poll time
-  double deadline = 0;          // seconds each call may take (0: none)
-  bool wrongPassword = false;   // authenticate with a wrong password
-  std::string request = "B 0";  // line for tovcomms and `tovctl send`
   Expect exchange;              // tovNet.tovcomms(request)
-  int replyStatus = 0;          // decoded reply, when the exchange gave one
-  std::size_t replyLength = 0;  // its exact length (0: not checked)
   Expect service;               // tovNet.serviceCommand("B", service 0)
   Expect bounce;                // tovctl bounce web
   Expect send;                  // tovctl send REQUEST
+  int replyStatus = 0;          // the exchange's reply, decoded
+  std::size_t replyLength = 0;  // its exact length (0: not checked)
+  bool stalls = false;     // never lets go: every call runs within kDeadlineSec
+  long long pollTime = 1;  // the cluster's
+  std::string request = "B 0";
+  bool wrongPassword = false;
+  Target target = Target::Simulator;
 };
-
-// gtest prints parameters; the name is enough to find the row.
 inline void PrintTo(const Fault& f, std::ostream* os) { *os << f.name; }
 
-const std::vector<Fault>& faultTable();
+// Every row, through the library and through tovctl.
+class FaultRow : public testing::TestWithParam<Fault> {};
 
-// Replaces "{addr}" and "{port}".
-std::string fill(std::string text, const std::string& addr,
+std::string fill(const std::string& text, const std::string& addr,
                  const std::string& port);
+int openDescriptors();  // entries of /proc/self/fd
+std::unique_ptr<simtest::SimProcess> startSimulator(
+    const std::vector<std::string>& simArgs, long long pollTime = 1);
 
-// Entries of /proc/self/fd: the descriptors this process holds.
-int openDescriptors();
-
-// A loopback port that nothing listens on: bound once, then released.
-int closedPort();
-
-// The deadline of the rows whose daemon never lets go.
-constexpr double kDeadlineSec = 2;
-
-// Time allowed for connect and salt, as the library and tovctl take it.
-constexpr float kTimeoutSec = 0.5f;
-constexpr const char* kTimeoutArg = "0.5";
-constexpr unsigned kAttempts = 3;
-
-// The blackholed address and the namespace set-up that makes it so: the
-// address sits on a veth whose peer is down, so no packet ever leaves.
-constexpr const char* kBlackholeAddr = "198.18.0.2";
-constexpr const char* kBlackholePort = "1195";
-const std::vector<std::string>& blackholeSetup();
-
-// The simulator for a row (default test cluster, the row's fault flags).
-std::unique_ptr<simtest::SimProcess> startSimulator(const Fault& f);
-
-// Runs `observe(host, port)` against the row's target: a simulator started
-// for the row (and checked to stop cleanly), a closed loopback port, or a
-// blackholed address inside a private namespace, in a child process whose
-// result comes back as JSON. Sets `host` and `port` to what was used; false,
-// with the reason, when the row cannot run here.
-template <typename Result, typename Observe>
-bool runAgainstTarget(const Fault& f, std::string& host, std::string& port,
-                      Observe observe, Result& out, std::string& skip) {
-  if (f.target == Target::Blackhole) {
-    if (geteuid() != 0) {
-      skip =
-          "a blackholed address needs a private network namespace, and "
-          "creating one needs root";
-      return false;
-    }
-    host = kBlackholeAddr;
-    port = kBlackholePort;
-    const netnstest::Outcome child =
-        netnstest::runIsolated(blackholeSetup(), [&] {
-          std::cout << nlohmann::json(observe(host, port)).dump();
-          return 0;
-        });
-    if (child.status == 77) {
-      skip = "this system refuses to create a network namespace";
-      return false;
-    }
-    EXPECT_EQ(child.status, 0) << child.output;
-    out = nlohmann::json::parse(child.output).get<Result>();
-  } else if (f.target == Target::ClosedPort) {
-    port = std::to_string(closedPort());
-    out = observe(host, port);
-  } else {
-    auto sim = startSimulator(f);
-    port = sim->portStr();
-    out = observe(host, port);
-    sim->stop();
-    EXPECT_FALSE(sim->running());
-    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
-  }
-  return true;
-}
+// Runs `observe` against the row's target: a simulator started for the row,
+// which must then stop cleanly; a closed loopback port; or, with this thread
+// in a private network namespace, 198.18.0.2 on a veth whose peer is down,
+// or 198.18.9.2, not routed. Returns why the row cannot run here, or "".
+std::string onTarget(const Fault& f,
+                     void (*observe)(const Fault& f, const std::string& host,
+                                     const std::string& port));
 
 }  // namespace faults
 

@@ -1,70 +1,167 @@
-// Service control end to end through the real collaborators: each command
-// changes the simulated service, and the information reply shows it.
-#include <iostream>
+// The real library against the real simulator: who may change a service,
+// each command shown by the information reply, the quiet probe, and
+// discovery on loopback.
+#include <gtest/gtest.h>
 
-#include "sim_fixture.h"
+#include <iostream>
+#include <memory>
+
+#include "support/net_helpers.h"
+#include "support/sim.h"
+#include "support/stream_capture.h"
+#include "tovapi/libtovapi.h"
 
 namespace {
 
-using integration::fail;
-using integration::SimTest;
 using namespace tov1;
+using Capture = testsupport::StreamCapture;
 
-TEST_F(SimTest, BounceStopStartBlockRepairCycle) {
+constexpr int fail(tov_error_enum code) { return -static_cast<int>(code); }
+
+class AgainstSimulator : public testing::Test {
+ protected:
+  void start(std::vector<std::string> extraArgs = {}) {
+    simtest::SimOptions options;
+    options.configJson = simtest::defaultConfigJson();
+    options.extraArgs = std::move(extraArgs);
+    options.maxLifetimeSec = 60;
+    sim = std::make_unique<simtest::SimProcess>(options);
+    port = sim->portStr();
+    tovDebug.setDebugLevel(0);
+    tovNet.setTimeout(3.0f);
+    tovCache.clearCache();
+    // Learns the daemon's port, which service commands look up.
+    ASSERT_EQ(tovCache.refreshCache(host, port, false), 0);
+  }
+
+  // "state mode blocked" of a service, from a fresh information reply.
+  std::string service(unsigned index) {
+    EXPECT_EQ(tovCache.refreshCache(host, port, true), 0);
+    const auto field = [&](unsigned n) {
+      return tovCache.tovInfoGetValue(host, tovInfo_S, index, n);
+    };
+    return field(3) + " " + field(4) + " " + field(5);
+  }
+
+  int command(const std::string& letters, unsigned service,
+              const std::vector<std::string>& auth,
+              const std::string& suffix = "") {
+    return tovNet.serviceCommand(host, port, letters, auth, service, 3, suffix);
+  }
+
+  const std::string host = "127.0.0.1";
+  std::string port;
+  std::unique_ptr<simtest::SimProcess> sim;
+  const std::vector<std::string> admin =
+      tovAuth.genObject("admin", "secret", "");
+};
+
+TEST_F(AgainstSimulator, OnlyTheRightPasswordChangesAService) {
   start();
-  ASSERT_EQ(tovCache.refreshCache(host, port, false), 0);  // learn the port
-  const auto auth = admin();
-
-  EXPECT_EQ(command("B", 0, auth), 0);
-  EXPECT_EQ(state(0), "running");
-
-  EXPECT_EQ(command("G", 0, auth), 0);  // stop: manual and stopped
-  EXPECT_EQ(state(0), "stopped");
-  EXPECT_EQ(mode(0), "manual");
-  EXPECT_EQ(command("G", 0, auth), fail(TOV_COMMS_ALREADY));
-
-  EXPECT_EQ(command("I", 0, auth), 0);  // automatic starts it again
-  EXPECT_EQ(state(0), "running");
-  EXPECT_EQ(mode(0), "auto");
-
-  EXPECT_EQ(command("H", 0, auth), 0);
-  EXPECT_EQ(mode(0), "manual");
-  EXPECT_EQ(state(0), "running");
-
-  EXPECT_EQ(command("W", 1, auth), 0);
-  EXPECT_EQ(blocked(1), "1");
-  EXPECT_EQ(command("X", 1, auth), 0);
-  EXPECT_EQ(blocked(1), "0");
-
-  EXPECT_EQ(command("U", 0, auth), fail(TOV_COMMS_NOT_BROKEN));
-  EXPECT_EQ(command("B", 2, auth), fail(TOV_SVC_INVALID));  // two services
+  const auto wrong = tovAuth.genObject("admin", "not-the-password", "");
+  struct Row {
+    const char* name;
+    std::string line;
+    std::vector<std::string> auth;
+    const char* reply;  // its first two bytes
+    const char* after;  // "state mode blocked" of service 0 afterwards
+  };
+  const Row rows[] = {
+      {"wrong password", "G 0", wrong, "Gd", "running auto 0"},
+      {"no authentication", "G 0", {}, "Gd", "running auto 0"},
+      {"unknown user", "G 0", tovAuth.genObject("nobody", "secret", ""), "Gd",
+       "running auto 0"},
+      {"a read needs none", "V 0", {}, "Vn", "running auto 0"},
+      {"the information request", "", {}, "Cn", "running auto 0"},
+      {"right password", "G 0", admin, "Ga", "stopped manual 0"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    char* buffer = nullptr;
+    ASSERT_EQ(tovNet.tovcomms(buffer, host, port, row.line, row.auth, ""), 0);
+    EXPECT_EQ(std::string(buffer, 2), row.reply) << buffer;
+    if (buffer[1] == 'd') {
+      EXPECT_EQ(tovResponse.getTOVResponseMsg(buffer), "authentication failed");
+    }
+    delete[] buffer;
+    EXPECT_EQ(service(0), row.after);
+  }
+  // The password check, through serviceCommand.
+  const std::string check("J\0", 2);
+  EXPECT_EQ(command(check, 0, admin), 0);
+  EXPECT_EQ(command(check, 0, wrong), fail(TOV_COMMS_FAIL));
 }
 
-TEST_F(SimTest, BusyDaemonIsRetried) {
+TEST_F(AgainstSimulator, EachCommandShowsInTheInformationReply) {
+  // The first request meets a busy daemon: it must be retried, not decoded.
   start({"--busy", "1"});
-  ASSERT_EQ(tovCache.refreshCache(host, port, false), 0);
-  EXPECT_EQ(command("G", 0, admin()), 0);
-  EXPECT_EQ(state(0), "stopped");
+  struct Step {
+    const char* letters;
+    unsigned service;
+    int result;
+    const char* after;  // "state mode blocked" of the service afterwards
+  };
+  const Step steps[] = {
+      {"B", 0, 0, "running auto 0"},
+      {"G", 0, 0, "stopped manual 0"},  // stop: manual and stopped
+      {"G", 0, fail(TOV_COMMS_ALREADY), "stopped manual 0"},
+      {"I", 0, 0, "running auto 0"},  // automatic starts it again
+      {"H", 0, 0, "running manual 0"},
+      {"W", 1, 0, "stopped manual 1"},
+      {"X", 1, 0, "stopped manual 0"},
+      {"U", 0, fail(TOV_COMMS_NOT_BROKEN), "running manual 0"},
+      {"B", 2, fail(TOV_SVC_INVALID), ""},  // two services only
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(std::string(step.letters) + std::to_string(step.service));
+    EXPECT_EQ(command(step.letters, step.service, admin), step.result);
+    if (*step.after != '\0') {
+      EXPECT_EQ(service(step.service), step.after);
+    }
+  }
+  // A log entry goes to the daemon's log and is echoed here.
+  Capture out(std::cout);
+  EXPECT_EQ(command("Y", 0, admin, "maintenance window"), 0);
+  EXPECT_EQ(out.text(), "Y 0 maintenance window\n");
 }
 
-TEST_F(SimTest, DaemonBusyOnEveryAttempt) {
-  std::string config = simtest::defaultConfigJson();
-  config.replace(config.find("\"poll_time\": 1"), 14, "\"poll_time\": 0");
-  start({"--busy", "100"}, config);
-  ASSERT_EQ(tovCache.refreshCache(host, port, false), 0);
-  EXPECT_EQ(command("G", 0, admin(), 2), fail(TOV_COMMS_NORESPONSE));
-  EXPECT_EQ(state(0), "running");
-}
-
-TEST_F(SimTest, LogEntryIsEchoed) {
+TEST_F(AgainstSimulator, ProbeOfLiveAndDeadNodesIsQuiet) {
   start();
-  ASSERT_EQ(tovCache.refreshCache(host, port, false), 0);
-  std::stringstream out;
-  std::streambuf* old = std::cout.rdbuf(out.rdbuf());
-  const int rc = command("Y", 0, admin(), 3, "maintenance window");
-  std::cout.rdbuf(old);
-  EXPECT_EQ(rc, 0);
-  EXPECT_EQ(out.str(), "Y 0 maintenance window\n");
+  Debug::useColour = true;
+  {
+    Capture err(std::cerr);
+    EXPECT_EQ(tovNet.testNode(host, port), 0);
+    EXPECT_LT(tovNet.testNode(host, std::to_string(testsupport::closedPort())),
+              0);
+    EXPECT_EQ(err.text(), "");
+  }
+  EXPECT_TRUE(Debug::useColour);
+  Debug::useColour = false;
+}
+
+TEST(LoopbackDiscovery, FindsTheClusterThroughEitherNode) {
+  simtest::SimOptions options;
+  options.configJson = simtest::defaultConfigJson();
+  options.listen = {"127.0.4.1", "127.0.4.2"};
+  options.udpPort = 1195;
+  options.maxLifetimeSec = 30;
+  std::unique_ptr<simtest::SimProcess> nodes;
+  try {
+    nodes = std::make_unique<simtest::SimProcess>(options);
+  } catch (const std::exception& e) {
+    GTEST_SKIP() << "UDP port 1195 on 127.0.4.x is taken: " << e.what();
+  }
+  for (const char* target : {"127.0.4.1", "127.0.4.2"}) {
+    SCOPED_TRACE(target);
+    Capture out(std::cout);
+    EXPECT_EQ(tovNet.discoverClusters(target, tov_discover_all, false), 0);
+    const std::string text = out.text();
+    EXPECT_EQ(text.rfind("Searching for Clusters... Done\n\nC testcluster ", 0),
+              0u)
+        << text;
+    EXPECT_NE(text.find("\nN node1 127.0.0.1 4\n"), std::string::npos);
+    EXPECT_NE(text.find(" Found 1 cluster(s)\n"), std::string::npos);
+  }
 }
 
 }  // namespace

@@ -10,62 +10,62 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 
 namespace netnstest {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 bool shell(const std::string& command) {
   return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
 }
 
 bool enter(const std::string& ns) {
-  if (ns.empty()) return true;
   const int fd = open(("/var/run/netns/" + ns).c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool ok = setns(fd, CLONE_NEWNET) == 0;
-  close(fd);
+  const bool ok = ns.empty() || (fd >= 0 && setns(fd, CLONE_NEWNET) == 0);
+  if (fd >= 0) close(fd);
   return ok;
 }
 
+// The child's exit status once it has ended, killed from `deadline` on if
+// need be; -1 when it did not exit by itself.
+int reap(pid_t pid, Clock::time_point deadline) {
+  int status = -1;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (Clock::now() >= deadline) kill(pid, SIGKILL);
+    usleep(10000);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 // Forks; the child runs `prepare` then `fn` with standard output going into
-// a pipe; the parent collects it, bounded by the limit.
+// a pipe, which the parent reads, bounded by the limit.
 Outcome runChild(const std::function<bool()>& prepare,
                  const std::function<int()>& fn, int limitSec) {
   Outcome outcome;
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return outcome;
-  std::cout.flush();
+  int fds[2];
+  if (pipe(fds) != 0) return outcome;
+  std::fflush(nullptr);  // or the child writes the parent's pending text too
   const pid_t pid = fork();
   if (pid == 0) {
-    close(pipeFds[0]);
-    dup2(pipeFds[1], STDOUT_FILENO);
-    close(pipeFds[1]);
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[0]);
+    close(fds[1]);
     if (!prepare()) _exit(77);
-    const int rc = fn();
-    std::cout.flush();
-    std::fflush(stdout);
-    std::exit(rc & 0xff);  // exit(), so that coverage data is written
+    std::exit(fn() & 0xff);  // exit(): flushes, and writes coverage data
   }
-  close(pipeFds[1]);
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(limitSec);
+  close(fds[1]);
+  const auto deadline = Clock::now() + std::chrono::seconds(limitSec);
   char buf[4096];
-  while (std::chrono::steady_clock::now() < deadline) {
-    pollfd p{pipeFds[0], POLLIN, 0};
+  for (ssize_t n = 1; n > 0 && Clock::now() < deadline;) {
+    pollfd p{fds[0], POLLIN, 0};
     if (poll(&p, 1, 100) <= 0) continue;
-    const ssize_t n = read(pipeFds[0], buf, sizeof buf);
-    if (n <= 0) break;
-    outcome.output.append(buf, static_cast<std::size_t>(n));
+    n = read(fds[0], buf, sizeof buf);
+    if (n > 0) outcome.output.append(buf, static_cast<std::size_t>(n));
   }
-  close(pipeFds[0]);
-  int status = 0;
-  if (waitpid(pid, &status, WNOHANG) == 0) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-  }
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  close(fds[0]);
+  outcome.status = pid > 0 ? reap(pid, deadline) : -1;
   return outcome;
 }
 
@@ -76,30 +76,20 @@ NetnsLab::NetnsLab() : prefix_("tovt" + std::to_string(getpid()) + "-") {}
 NetnsLab::~NetnsLab() {
   for (pid_t child : children_) {
     kill(child, SIGTERM);
-    for (int i = 0; i < 50 && waitpid(child, nullptr, WNOHANG) == 0; ++i)
-      usleep(20000);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, WNOHANG);
+    reap(child, Clock::now() + std::chrono::seconds(1));
   }
   for (const auto& ns : namespaces_) shell("ip netns del " + ns);
 }
 
 bool NetnsLab::available(std::string* why) {
-  if (geteuid() != 0) {
-    *why = "network namespaces need root";
-    return false;
-  }
-  if (!shell("command -v ip")) {
-    *why = "iproute2 (ip) is not installed";
-    return false;
-  }
   const std::string probe = prefix_ + "probe";
-  if (!shell("ip netns add " + probe)) {
-    *why = "this kernel refuses to create network namespaces";
-    return false;
-  }
-  shell("ip netns del " + probe);
-  return true;
+  *why = geteuid() != 0            ? "network namespaces need root"
+         : !shell("command -v ip") ? "iproute2 (ip) is not installed"
+         : !shell("ip netns add " + probe)
+             ? "this kernel refuses to create network namespaces"
+             : "";
+  if (why->empty()) shell("ip netns del " + probe);
+  return why->empty();
 }
 
 std::string NetnsLab::add(const std::string& shortName) {
@@ -118,11 +108,10 @@ pid_t NetnsLab::spawn(const std::string& ns,
                       const std::vector<std::string>& argv) {
   const pid_t pid = fork();
   if (pid == 0) {
-    if (!enter(ns)) _exit(127);
     std::vector<char*> args;
     for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    execv(args[0], args.data());
+    if (enter(ns)) execv(args[0], args.data());
     _exit(127);
   }
   if (pid > 0) children_.push_back(pid);
@@ -138,11 +127,9 @@ Outcome runIsolated(const std::vector<std::string>& setup,
                     const std::function<int()>& fn, int limitSec) {
   return runChild(
       [&] {
-        if (unshare(CLONE_NEWNET) != 0) return false;
-        if (!shell("ip link set lo up")) return false;
-        for (const auto& args : setup)
-          if (!shell("ip " + args)) return false;
-        return true;
+        bool ok = unshare(CLONE_NEWNET) == 0 && shell("ip link set lo up");
+        for (const auto& args : setup) ok = ok && shell("ip " + args);
+        return ok;
       },
       fn, limitSec);
 }

@@ -1,7 +1,6 @@
 // Private networks for tests: network namespaces that the test creates
 // itself, joined by veth pairs, with addresses from 198.18.0.0/15. Nothing
-// here ever touches the host's own network; everything is removed again when
-// the lab object goes away.
+// here touches the host's own network; everything goes with the lab object.
 #ifndef TESTS_NETNS_NETNS_LAB_H
 #define TESTS_NETNS_NETNS_LAB_H
 
@@ -26,14 +25,11 @@ class NetnsLab {
   NetnsLab(const NetnsLab&) = delete;
   NetnsLab& operator=(const NetnsLab&) = delete;
 
-  // False, with the reason, where namespaces cannot be made (not root, no
-  // iproute2, a kernel that refuses).
+  // False, with the reason, where namespaces cannot be made.
   bool available(std::string* why);
-
   // Creates a namespace with loopback up; returns its full name.
   std::string add(const std::string& shortName);
-  // Runs `ip <args>` inside a namespace ("" for the test's own); false on
-  // failure.
+  // `ip <args>` inside a namespace ("" for the test's own); false on failure.
   bool ip(const std::string& ns, const std::string& args);
   // Starts a program inside a namespace; it is killed with the lab.
   pid_t spawn(const std::string& ns, const std::vector<std::string>& argv);
@@ -47,9 +43,8 @@ class NetnsLab {
   std::vector<pid_t> children_;
 };
 
-// Runs fn in a child process inside a fresh, unnamed namespace whose setup
-// commands (ip arguments, one per entry) are applied first. status 77 means
-// the namespace could not be made.
+// Runs fn in a child process inside a fresh, unnamed namespace, after the
+// setup commands (ip arguments, one per entry). Status 77: no namespace.
 Outcome runIsolated(const std::vector<std::string>& setup,
                     const std::function<int()>& fn, int limitSec = 20);
 
