@@ -38,6 +38,7 @@ struct RunOptions {
   int limitSec = 20;             // killed after this long
 };
 
+// Safe to call from several threads at once.
 Outcome runTovctl(const std::vector<std::string>& args,
                   const RunOptions& opts = {});
 

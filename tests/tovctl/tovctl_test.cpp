@@ -1,22 +1,24 @@
-// tovctl run as a user runs it, against the simulator on loopback.
+// tovctl run as a user runs it, against the simulator on loopback, and its
+// views of a degraded cluster (`status`, `status --watch`, `check`).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "run_tool.h"
 #include "support/net_helpers.h"
 #include "support/sim.h"
+
+// Defined only where the address sanitizer runs.
+extern "C" void __asan_init() __attribute__((weak));
 
 namespace {
 
@@ -25,13 +27,17 @@ using testing::HasSubstr;
 using testing::StartsWith;
 using tovctltest::linesOf;
 using tovctltest::Outcome;
+using tovctltest::RunOptions;
 using tovctltest::runTovctl;
+using Args = std::vector<std::string>;
 
 constexpr int kUsage = 100;
+constexpr int kLate = 98;  // the deadline ended the command
+// SHA-256 of the password "secret", as the authentication would show it.
+const char* const kDigest =
+    "2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b";
 
-using testsupport::closedPort;
-
-// Failures must be reported in exactly one line on standard error.
+// Failures are reported in exactly one line on standard error.
 void expectOneErrorLine(const Outcome& r, const std::string& fragment) {
   const std::vector<std::string> lines = linesOf(r.err);
   ASSERT_EQ(lines.size(), 1u) << "stderr:\n" << r.err;
@@ -39,121 +45,140 @@ void expectOneErrorLine(const Outcome& r, const std::string& fragment) {
   EXPECT_THAT(lines[0], HasSubstr(fragment));
 }
 
-class TovctlTest : public testing::Test {
+// Each field of `want`, named by its JSON pointer, as `doc` has it.
+void expectFields(const json& doc, const std::string& want) {
+  const json flat = doc.flatten();
+  const json fields = json::parse(want);
+  for (const auto& field : fields.items()) {
+    EXPECT_EQ(flat.value(field.key(), json()), field.value()) << field.key();
+  }
+}
+
+// Runs case i for every i < n at once: they wait on daemons, not the CPU.
+template <class Run>
+std::vector<Outcome> atOnce(std::size_t n, Run run) {
+  std::vector<std::future<Outcome>> pending;
+  for (std::size_t i = 0; i < n; ++i)
+    pending.push_back(std::async(std::launch::async, run, i));
+  std::vector<Outcome> done;
+  for (auto& p : pending) done.push_back(p.get());
+  return done;
+}
+
+std::unique_ptr<simtest::SimProcess> newSim(
+    Args extra = {}, std::string config = simtest::defaultConfigJson(),
+    Args listen = {"127.0.0.1"}, int udpPort = 0) {
+  simtest::SimOptions o;
+  o.configJson = std::move(config);
+  o.extraArgs = std::move(extra);
+  o.listen = std::move(listen);
+  o.udpPort = udpPort;
+  o.maxLifetimeSec = 60;
+  return std::make_unique<simtest::SimProcess>(o);
+}
+
+// At a terminal, without colour: no escape sequence of tovctl's own.
+RunOptions atTerminal(std::string waitFor = "", std::string type = "",
+                      std::string env = "NO_COLOR=1") {
+  RunOptions o;
+  o.terminal = true;
+  o.waitFor = std::move(waitFor);
+  o.type = std::move(type);
+  o.env = {std::move(env)};
+  o.limitSec = 60;
+  return o;
+}
+
+class Tovctl : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     char templ[] = "/tmp/tovctl-test-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);
     dir_ = templ;
-    goodPw_ = dir_ + "/good";
-    badPw_ = dir_ + "/bad";
-    std::ofstream(goodPw_) << "secret\n";
-    std::ofstream(badPw_) << "not-the-password\n";
-    // tovctl refuses a password file that others may read.
-    chmod(goodPw_.c_str(), 0600);
-    chmod(badPw_.c_str(), 0600);
+    // tovctl refuses a password file that others may read, as "open" is.
+    for (const char* f : {"good", "bad", "open"}) {
+      std::ofstream(pw(f)) << (f[0] == 'b' ? "not-the-password\n" : "secret\n");
+      chmod(pw(f).c_str(), f[0] == 'o' ? 0644 : 0600);
+    }
   }
-  static void TearDownTestSuite() {
-    std::remove(goodPw_.c_str());
-    std::remove(badPw_.c_str());
-    rmdir(dir_.c_str());
-  }
-
-  void startSim(std::vector<std::string> extra = {}) {
-    simtest::SimOptions o;
-    o.configJson = simtest::defaultConfigJson();
-    o.extraArgs = std::move(extra);
-    o.maxLifetimeSec = 60;
-    sim_ = std::make_unique<simtest::SimProcess>(o);
+  static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
+  static std::string pw(const std::string& name) { return dir_ + "/" + name; }
+  static Args admin(Args args, const char* file = "good") {
+    args.insert(args.begin(), {"-u", "admin", "--password-file", pw(file)});
+    return args;
   }
 
-  // tovctl aimed at the simulator, with the given extra global options.
-  Outcome tool(std::vector<std::string> args) {
-    std::vector<std::string> full{"-p", sim_->portStr()};
-    full.insert(full.end(), args.begin(), args.end());
-    return runTovctl(full);
+  std::string at() const { return "127.0.0.1:" + sim_->portStr(); }
+  Outcome tool(Args args, const RunOptions& opts = {}) {
+    args.insert(args.begin(), {"-p", sim_->portStr()});
+    return runTovctl(args, opts);
   }
-  Outcome admin(std::vector<std::string> args) {
-    std::vector<std::string> full{"-u", "admin", "--password-file", goodPw_};
-    full.insert(full.end(), args.begin(), args.end());
-    return tool(full);
-  }
-
-  json servicesJson() {
-    const Outcome r = tool({"--json", "services"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    return json::parse(r.out)["services"];
+  json services() {
+    return json::parse(tool({"--json", "services"}).out)["services"];
   }
 
   static std::string dir_;
-  static std::string goodPw_;
-  static std::string badPw_;
-  std::unique_ptr<simtest::SimProcess> sim_;
+  std::unique_ptr<simtest::SimProcess> sim_ = newSim();
 };
+std::string Tovctl::dir_;
 
-std::string TovctlTest::dir_;
-std::string TovctlTest::goodPw_;
-std::string TovctlTest::badPw_;
-
-TEST_F(TovctlTest, RefusedConnectionExitsWithTheConnectCode) {
-  const int port = closedPort();
-  const Outcome r = runTovctl({"-p", std::to_string(port), "services"});
-  EXPECT_EQ(r.status, 69);
-  EXPECT_EQ(r.out, "");
-  expectOneErrorLine(r, "127.0.0.1:" + std::to_string(port) +
-                            " failed: cannot connect (TOV_SOCK_CONNECT, "
-                            "code 69)");
-}
-
-TEST_F(TovctlTest, LibraryDiagnosticsAppearOnlyAboveLevelZero) {
-  const int port = closedPort();
-  const Outcome quiet = runTovctl({"-p", std::to_string(port), "version"});
-  const Outcome loud =
-      runTovctl({"-d", "1", "-p", std::to_string(port), "version"});
-  EXPECT_EQ(linesOf(quiet.err).size(), 1u) << quiet.err;
+TEST_F(Tovctl, AddressesHelpAndCodes) {
+  const std::string port = std::to_string(testsupport::closedPort());
+  const std::string list = "tovctl: reading the service list from [::1]:";
+  struct Case {
+    Args args;
+    int status;
+    std::string text;  // the start of the output (all of it if it ends a
+                       // line), or of the error line
+  };
+  const std::vector<Case> cases{
+      {{"-H", at(), "-p", "1", "probe"}, 0, at() + " answers"},
+      {{"-p", "1", "probe", at()}, 0, at() + " answers"},
+      {{"-H", "[::1]:" + port, "services"}, 69, list + port + " failed: "},
+      {{"-H", "[::1]", "-p", port, "services"}, 69, list + port},
+      {{"help"}, 0, "tovctl - control the tovmon daemons"},
+      {{"help", "bounce"}, 0, "stop the service and start it again"},
+      {{"codes", "22"}, 0, "22  TOV_COMMS_FAIL  daemon refused or failed"},
+      {{"codes", "TOV_SOCK_TIMEOUT"}, 0, "78  TOV_SOCK_TIMEOUT"},
+      // The one code without a name: no call reports it, so it is unexpected.
+      {{"codes", "56"},
+       0,
+       "56  -  reserved\ntovctl exits with status 99 when the library "
+       "reports this code.\n"},
+      {{"resolve", "127.0.0.1"}, 0, "127.0.0.1\n"},
+      {{"family", "::1"}, 0, "6\n"},
+      {{"family", "127.0.0.1"}, 0, "4\n"},
+      {{"resolve", testsupport::kUnresolvable}, 74, "tovctl: "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    const Outcome r = runTovctl(c.args);
+    EXPECT_EQ(r.status, c.status) << r.err;
+    EXPECT_THAT(c.status == 0 ? r.out : r.err, StartsWith(c.text));
+    if (c.status != 0) {
+      EXPECT_EQ(r.out, "");
+      expectOneErrorLine(r, c.text);
+    } else if (c.text.back() == '\n') {
+      EXPECT_EQ(r.out, c.text);
+    }
+  }
+  // Code 56 has no name in the listings either.
+  EXPECT_THAT(runTovctl({"codes"}).out, HasSubstr("\n  56  -  "));
+  EXPECT_EQ(json::parse(runTovctl({"--json", "codes"}).out)["codes"][56],
+            json::parse(R"({"code": 56, "name": null, "text": "reserved"})"));
+  // Above level 0, the library's diagnostics come before the one line.
+  const Outcome loud = runTovctl({"-d", "1", "-p", port, "version"});
   EXPECT_EQ(loud.status, 69);
   EXPECT_GT(linesOf(loud.err).size(), 1u) << loud.err;
   EXPECT_THAT(linesOf(loud.err).back(), StartsWith("tovctl: "));
 }
 
-TEST_F(TovctlTest, LateSaltBeyondTheTimeoutIsANetworkTimeout) {
-  startSim({"--late-salt", "3000"});
-  const Outcome r = tool({"-t", "0.2", "services"});
-  EXPECT_EQ(r.status, 78);
-  expectOneErrorLine(r, "network timeout (TOV_SOCK_TIMEOUT, code 78)");
-}
-
-TEST_F(TovctlTest, WrongOrMissingPasswordIsRefusedAndChangesNothing) {
-  startSim();
-  const Outcome wrong =
-      tool({"-u", "admin", "--password-file", badPw_, "--json", "stop", "web"});
-  EXPECT_EQ(wrong.status, 22);
-  const json error = json::parse(wrong.out)["error"];
-  EXPECT_EQ(error["code"], 22);
-  EXPECT_EQ(error["name"], "TOV_COMMS_FAIL");
-  EXPECT_EQ(error["exit_status"], 22);
-  EXPECT_EQ(error["port"], sim_->port());
-  expectOneErrorLine(
-      wrong,
-      "stop of service 0 (web) on 127.0.0.1:" + sim_->portStr() +
-          " failed: daemon refused or failed the request (TOV_COMMS_FAIL, "
-          "code 22); check user admin");
-
-  const Outcome anonymous = tool({"stop", "web"});
-  EXPECT_EQ(anonymous.status, 22);
-  expectOneErrorLine(anonymous, "-u USER");
-
-  EXPECT_EQ(servicesJson()[0]["state"], "running");
-}
-
-TEST_F(TovctlTest, UsageErrorsExitWithTheirOwnStatus) {
-  startSim();
-  const std::string open = dir_ + "/open";
-  std::ofstream(open) << "secret\n";
-  chmod(open.c_str(), 0644);
+// Also as --json: scripts get one document, for wrong command lines too.
+TEST_F(Tovctl, ErrorsExitWithTheirStatusAndChangeNothing) {
   struct Case {
-    std::vector<std::string> args;
+    Args args;
     std::string line;  // a fragment of the one line on standard error
+    int status = kUsage;
   };
   const std::vector<Case> cases{
       {{"--bogus", "services"}, "--bogus"},
@@ -162,12 +187,13 @@ TEST_F(TovctlTest, UsageErrorsExitWithTheirOwnStatus) {
       {{"-4", "-6", "services"}, "excludes"},
       {{"bounce"}, "service is required"},
       {{"maintenance", "web", "sideways"}, "sideways"},
-      {{"--password-file", goodPw_, "services"}, "needs a user"},
-      {{"-u", "admin", "--password-file", dir_ + "/missing", "stop", "web"},
-       "cannot read password file"},
-      {{"-u", "admin", "--password-file", open, "stop", "web"},
+      {{"--password-file", pw("good"), "services"}, "needs a user"},
+      {admin({"stop", "web"}, "missing"), "cannot read password file"},
+      {admin({"stop", "web"}, "open"),
        "can be read by others (mode 0644); make it private with: chmod 600"},
       {{"-u", "admin", "stop", "web"}, "standard input is not a terminal"},
+      {admin({"bounce", "mail"}),
+       "no service named \"mail\" on " + at() + " (services: web, db)"},
       {{"send", ""}, "request line is empty"},
       {{"send", "V 0\nV 1"}, "must be one line"},
       {{"log", ""}, "message is empty"},
@@ -176,256 +202,373 @@ TEST_F(TovctlTest, UsageErrorsExitWithTheirOwnStatus) {
       {{"-H", "h", "frobnicate"}, "unknown command \"frobnicate\" ("},
       {{"help", "stpo"}, "did you mean \"stop\"?"},
       {{"-t", "nan", "services"}, "\"nan\" is not a number of seconds"},
-      {{"-t", "inf", "services"}, "\"inf\" is not a number of seconds"},
       {{"--deadline", "-1", "services"}, "\"-1\" is not a number of seconds"},
       {{"-H", "[::1", "services"}, "is not [ADDRESS] or [ADDRESS]:PORT"},
       {{"-H", "node1:99999", "services"}, "is not a number from 1 to 65535"},
       {{"halt"},
-       "halt of the daemon on 127.0.0.1:" + sim_->portStr() +
+       "halt of the daemon on " + at() +
            " needs --yes: there is no terminal to confirm on"},
       {{"codes", "TOV_NO_SUCH"}, "no result code \"TOV_NO_SUCH\""},
+      {admin({"check-password"}, "bad"), "(TOV_COMMS_FAIL, code 22)", 22},
+      {{"stop", "web"}, "-u USER", 22},
+      {admin({"stop", "db"}), "(TOV_COMMS_ALREADY, code 20)", 20},
+      {admin({"bounce", "2"}), "(TOV_SVC_INVALID, code 81)", 81},
   };
   for (const Case& c : cases) {
-    std::string shown;
-    for (const auto& a : c.args) shown += " [" + a + "]";
     for (const bool asJson : {false, true}) {
-      std::vector<std::string> args = c.args;
+      SCOPED_TRACE(testing::PrintToString(c.args) + (asJson ? " json" : ""));
+      Args args = c.args;
       if (asJson) args.insert(args.begin(), "--json");
       const Outcome r = tool(args);
-      EXPECT_EQ(r.status, kUsage) << shown << "\n" << r.err;
+      EXPECT_EQ(r.status, c.status) << r.err;
       expectOneErrorLine(r, c.line);
       if (!asJson) {
-        EXPECT_EQ(r.out, "") << shown;
+        EXPECT_EQ(r.out, "");
         continue;
       }
-      // Scripts get one document, also for a command line they got wrong.
-      const json error = json::parse(r.out)["error"];
-      EXPECT_EQ(error["exit_status"], kUsage) << shown;
+      json error = json::parse(r.out)["error"];
+      EXPECT_EQ(error["exit_status"], c.status);
       EXPECT_EQ("tovctl: " + error["message"].get<std::string>(),
                 linesOf(r.err).at(0));
     }
   }
-  EXPECT_EQ(servicesJson()[0]["state"], "running") << "halt was not sent";
+  EXPECT_EQ(services()[0]["state"], "running");
 }
 
-TEST_F(TovctlTest, HostPortHelpAndCodes) {
-  startSim();
-  const std::string refused = std::to_string(closedPort());
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    std::string text;  // the start of standard output, or the error line
-  };
-  const std::vector<Case> cases{
-      {{"-H", "127.0.0.1:" + sim_->portStr(), "-p", "1", "probe"},
-       0,
-       "127.0.0.1:" + sim_->portStr() + " answers"},
-      {{"-p", "1", "probe", "127.0.0.1:" + sim_->portStr()},
-       0,
-       "127.0.0.1:" + sim_->portStr() + " answers"},
-      {{"-H", "[::1]:" + refused, "services"},
-       69,
-       "tovctl: reading the service list from [::1]:" + refused +
-           " failed: cannot connect"},
-      {{"-H", "[::1]", "-p", refused, "services"},
-       69,
-       "tovctl: reading the service list from [::1]:" + refused},
-      {{"help"}, 0, "tovctl - control the tovmon daemons"},
-      {{"help", "bounce"}, 0, "stop the service and start it again"},
-      {{"codes", "22"},
-       0,
-       "22  TOV_COMMS_FAIL  daemon refused or failed the request\n"},
-      {{"codes", "TOV_SOCK_TIMEOUT"}, 0, "78  TOV_SOCK_TIMEOUT"},
-  };
-  for (const Case& c : cases) {
-    const Outcome r = runTovctl(c.args);
-    EXPECT_EQ(r.status, c.status) << c.args.back() << "\n" << r.err;
-    EXPECT_THAT(c.status == 0 ? r.out : r.err, StartsWith(c.text));
-  }
-}
-
-TEST_F(TovctlTest, UnknownServiceNameIsAUsageErrorListingTheNames) {
-  startSim();
-  const Outcome r = admin({"bounce", "mail"});
-  EXPECT_EQ(r.status, kUsage);
-  expectOneErrorLine(r, "no service named \"mail\" on 127.0.0.1:" +
-                            sim_->portStr() + " (services: web, db)");
-}
-
-TEST_F(TovctlTest, ServiceNumberBeyondTheClusterIsRefusedByTheLibrary) {
-  startSim();
-  const Outcome r = admin({"bounce", "2"});
-  EXPECT_EQ(r.status, 81);
-  expectOneErrorLine(r, "(TOV_SVC_INVALID, code 81)");
-}
-
-TEST_F(TovctlTest, StopStartAndBounceByNameChangeTheServiceState) {
-  startSim();
-  Outcome r = admin({"stop", "web"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "ok: stop of service 0 (web) on 127.0.0.1:" +
-                       sim_->portStr() + "\n");
-  json web = servicesJson()[0];
-  EXPECT_EQ(web["state"], "stopped");
-  EXPECT_EQ(web["mode"], "manual");
-  EXPECT_TRUE(web["node"].is_null());
-
-  r = admin({"stop", "web"});
-  EXPECT_EQ(r.status, 20) << "already stopped";
-  expectOneErrorLine(r, "(TOV_COMMS_ALREADY, code 20)");
-
-  r = admin({"start", "web"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  web = servicesJson()[0];
-  EXPECT_EQ(web["state"], "running");
-  EXPECT_EQ(web["mode"], "auto");
-  EXPECT_EQ(web["node"], "node1");
-
-  r = admin({"--json", "bounce", "web"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const json out = json::parse(r.out);
-  EXPECT_EQ(out["command"], "bounce");
-  EXPECT_EQ(out["service"]["index"], 0);
-  EXPECT_EQ(out["service"]["name"], "web");
-
-  r = admin({"block", "1"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(servicesJson()[1]["blocked"], true);
-}
-
-TEST_F(TovctlTest, ServicesTableShowsEveryColumn) {
-  startSim();
-  const Outcome r = tool({"services"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out,
+TEST_F(Tovctl, CommandsOnAHealthyCluster) {
+  EXPECT_EQ(tool({"services"}).out,
             "INDEX  NAME  STATE    MODE    BLOCKED  NODE\n"
             "0      web   running  auto    no       node1\n"
             "1      db    stopped  manual  no       -\n");
-}
-
-TEST_F(TovctlTest, InfoJsonHoldsTheClusterRecordAndNodes) {
-  startSim();
-  const Outcome r = tool({"info", "--json"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const json j = json::parse(r.out);
-  EXPECT_EQ(j["cluster"]["name"], "testcluster");
-  EXPECT_EQ(j["cluster"]["service_count"], 2);
-  EXPECT_EQ(j["cluster"]["poll_time"], 1);
-  EXPECT_TRUE(j["cluster"]["serial"].is_null()) << "serial -1 means none";
-  EXPECT_EQ(j["cluster"]["bootstrap"], false);
-  ASSERT_EQ(j["nodes"].size(), 1u);
-  EXPECT_EQ(j["nodes"][0]["address"], "127.0.0.1");
-  EXPECT_EQ(j["nodes"][0]["family"], 4);
-  EXPECT_EQ(j["daemon"]["protocol"], "2.2");
-}
-
-TEST_F(TovctlTest, VersionAndRawRequest) {
-  startSim();
-  Outcome r = tool({"version"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_THAT(r.out, StartsWith("daemon version "));
-  EXPECT_THAT(r.out, HasSubstr(", protocol 2.2\n"));
-
-  r = tool({"send", "V 0"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_THAT(r.out, StartsWith("Vn "));
-  EXPECT_THAT(r.out, HasSubstr("\nV "));
-
+  const Outcome r = tool(admin({"stop", "web"}));
+  EXPECT_EQ(r.out, "ok: stop of service 0 (web) on " + at() + "\n") << r.err;
+  expectFields(services(), R"({"/0/state": "stopped", "/0/mode": "manual",
+                               "/0/node": null})");
+  EXPECT_EQ(tool(admin({"start", "web"})).status, 0);
+  expectFields(services(), R"({"/0/state": "running", "/0/mode": "auto",
+                               "/0/node": "node1", "/1/blocked": false})");
+  expectFields(json::parse(tool(admin({"--json", "bounce", "web"})).out),
+               R"({"/command": "bounce", "/service/index": 0,
+                   "/service/name": "web"})");
+  EXPECT_EQ(tool(admin({"block", "1"})).status, 0);
+  EXPECT_EQ(services()[1]["blocked"], true);
+  EXPECT_THAT(tool(admin({"log", "-s", "db", "disk", "replaced"})).out,
+              HasSubstr(": Y 1 disk replaced\n"));
+  EXPECT_EQ(tool(admin({"check-password"})).status, 0);
+  // Serial -1 means none.
+  expectFields(json::parse(tool({"info", "--json"}).out), R"({
+      "/cluster/name": "testcluster", "/cluster/service_count": 2,
+      "/cluster/poll_time": 1, "/cluster/serial": null,
+      "/cluster/bootstrap": false, "/nodes/0/address": "127.0.0.1",
+      "/nodes/0/family": 4, "/nodes/1/address": null,
+      "/daemon/protocol": "2.2"})");
+  EXPECT_THAT(tool({"version"}).out,
+              testing::MatchesRegex("daemon version .*, protocol 2\\.2\n"));
+  EXPECT_THAT(tool({"send", "V 0"}).out,
+              testing::AllOf(StartsWith("Vn "), HasSubstr("\nV ")));
   // A refused raw request still shows the reply, then the one error line.
-  r = tool({"send", "A 0"});
-  EXPECT_EQ(r.status, 19);
-  EXPECT_EQ(r.out, "Au unknown request\n");
-  expectOneErrorLine(r, "the daemon says \"unknown request\"");
+  const Outcome refused = tool({"send", "A 0"});
+  EXPECT_EQ(refused.status, 19);
+  EXPECT_EQ(refused.out, "Au unknown request\n");
+  expectOneErrorLine(refused, "the daemon says \"unknown request\"");
 }
 
-TEST_F(TovctlTest, LogEchoesTheRequestLine) {
-  startSim();
-  const Outcome r = admin({"log", "-s", "db", "disk", "replaced"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr(": Y 1 disk replaced\n"));
-}
-
-TEST_F(TovctlTest, BusyDaemonIsRetriedOnlyAsOftenAsAllowed) {
-  startSim({"--busy", "1", "--fault-letter", "V"});
-  Outcome r = tool({"-a", "1", "version"});
-  EXPECT_EQ(r.status, 26);
-  expectOneErrorLine(r, "daemon busy (TOV_COMMS_BUSY, code 26)");
-  // The one busy answer is used up: the next request goes through.
-  r = tool({"-a", "1", "version"});
-  EXPECT_EQ(r.status, 0) << r.err;
-}
-
-TEST_F(TovctlTest, CheckPasswordAndProbe) {
-  startSim();
-  Outcome r = admin({"check-password"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  r = tool({"-u", "admin", "--password-file", badPw_, "check-password"});
-  EXPECT_EQ(r.status, 22);
-  r = tool({"probe"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_THAT(r.out, HasSubstr("answers (cluster testcluster)"));
-}
-
-TEST_F(TovctlTest, CodesListsEveryCodeOnceWithDistinctTexts) {
-  Outcome r = runTovctl({"codes"});
-  ASSERT_EQ(r.status, 0);
-  EXPECT_THAT(r.out, HasSubstr("\n  22  TOV_COMMS_FAIL "));
-  EXPECT_THAT(r.out, HasSubstr("\n  56  -  "));
-  EXPECT_THAT(r.out, HasSubstr("100    usage error"));
-
-  r = runTovctl({"--json", "codes"});
-  ASSERT_EQ(r.status, 0);
-  const json j = json::parse(r.out);
-  ASSERT_EQ(j["codes"].size(), 90u);
-  std::set<std::string> texts;
-  for (std::size_t c = 0; c < 90; ++c) {
-    EXPECT_EQ(j["codes"][c]["code"], c);
-    texts.insert(j["codes"][c]["text"].get<std::string>());
-  }
-  EXPECT_EQ(texts.size(), 90u);
-  EXPECT_TRUE(j["codes"][56]["name"].is_null());
-  EXPECT_EQ(j["exit_status"]["usage"], kUsage);
-}
-
-TEST_F(TovctlTest, AddressesWithoutADaemon) {
+// Each case has a daemon of its own; all run at once, with a deadline of
+// 2 s. (The fault matrix has bounce and send against such daemons.)
+TEST_F(Tovctl, MisbehavingDaemonsEndInOneErrorLine) {
   struct Case {
-    std::vector<std::string> args;
+    Args sim, args;
     int status;
-    std::string out;
+    std::string text;  // for the deadline: what the line says was awaited
   };
+  const Args busy{"--busy",     "1000000",        "--poll-time",
+                  "2147483647", "--fault-letter", "V"};
+  const std::string reply = "awaiting the reply from ";
+  const std::string retry = "waiting to retry the busy daemon at ";
   const std::vector<Case> cases{
-      {{"resolve", "127.0.0.1"}, 0, "127.0.0.1\n"},
-      {{"family", "::1"}, 0, "6\n"},
-      {{"family", "127.0.0.1"}, 0, "4\n"},
-      {{"resolve", "bad..host"}, 74, ""},
+      {{"--reply-delay", "600000"}, {"probe"}, kLate, reply},
+      // -a 2 waits the poll time (a minute at most) between the attempts.
+      {busy, {"-a", "1", "version"}, 26, "busy (TOV_COMMS_BUSY, code 26)"},
+      {busy, {"-a", "2", "version"}, kLate, retry},
+  };
+  std::vector<std::unique_ptr<simtest::SimProcess>> sims;
+  for (const Case& c : cases) sims.push_back(newSim(c.sim));
+  const std::vector<Outcome> outcomes = atOnce(cases.size(), [&](size_t i) {
+    Args args = admin({"-p", sims[i]->portStr(), "--json", "--deadline", "2"});
+    args.insert(args.end(), cases[i].args.begin(), cases[i].args.end());
+    return runTovctl(args);
+  });
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const Case& c = cases[i];
+    const Outcome& r = outcomes[i];
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    EXPECT_EQ(r.status, c.status) << r.err;
+    const bool late = c.status == kLate;
+    const std::string at = "127.0.0.1:" + sims[i]->portStr();
+    expectOneErrorLine(
+        r, late ? " failed: deadline of 2 s expired while " + c.text + at
+                : c.text);
+    json e = json::parse(r.out)["error"];
+    EXPECT_EQ(json({e["exit_status"], e["host"], e["port"]}),
+              json({c.status, "127.0.0.1", sims[i]->port()}));
+    EXPECT_EQ(json({e["code"], e["deadline"]}),
+              late ? json({nullptr, 2}) : json({c.status, nullptr}));
+    // Several times the deadline, for a busy host.
+    EXPECT_TRUE(!late || r.seconds < 6) << r.seconds;
+  }
+}
+
+TEST_F(Tovctl, DiscoveryKeepsAllButTheMalformedAnswer) {
+  // One probe, three answers: the node's own, one whose node line is short,
+  // and one with bytes that are not text. Only the second is lost.
+  const std::string bad =
+      "C broken 1 0 deadbeef -1 0 0 1 0 0 m1 d1\nN shortnode";
+  const std::string odd =
+      "C caf\xe9\x1b[2J 1 0 cafecafe -1 0 0 1 0 0 m2 d2\nN n2 127.0.3.9 4";
+  try {
+    sim_ =
+        newSim({"--udp-answer", "-", "--udp-answer", bad, "--udp-answer", odd},
+               simtest::defaultConfigJson(), {"127.0.3.2"}, 1195);
+  } catch (const std::exception& e) {
+    GTEST_SKIP() << "UDP port 1195 on 127.0.3.2 is not available: " << e.what();
+  }
+  const std::vector<std::string> runs{"", "", "--json", "--raw",
+                                      "--json --clusters"};
+  const std::vector<Outcome> r = atOnce(runs.size(), [&](size_t i) {
+    std::istringstream words("discover 127.0.3.2 " + runs[i]);
+    const Args args{std::istream_iterator<std::string>(words), {}};
+    return runTovctl(args, i == 1 ? atTerminal() : RunOptions{});
+  });
+  for (const Outcome& each : r) EXPECT_EQ(each.status, 0) << each.err;
+  EXPECT_EQ(linesOf(r[0].err),
+            Args{"tovctl: warning: skipped the answer from 127.0.3.2: node "
+                 "line 1 of cluster broken has 2 field(s), at least 3 needed"});
+  EXPECT_THAT(r[0].out,
+              testing::AllOf(HasSubstr(" Cluster Name : testcluster\n"),
+                             HasSubstr(" Cluster Name : caf\xe9\x1b[2J\n"),
+                             HasSubstr("  [1] n2 [127.0.3.9]"),
+                             HasSubstr(" Found 2 cluster(s)\n")));
+  EXPECT_THAT(r[1].out, HasSubstr(" Cluster Name : caf\\xe9\\x1b[2J"));
+  EXPECT_EQ(r[1].out.find("\x1b["), std::string::npos) << "raw escape shown";
+  expectFields(json::parse(r[2].out), R"({"/count": 2,
+      "/clusters/1/name": "caf\ufffd\u001b[2J",
+      "/clusters/1/sender": "127.0.3.2", "/skipped/0/sender": "127.0.3.2"})");
+  // The library's raw report: every line as it came, the short one too.
+  EXPECT_THAT(r[3].out, testing::AllOf(HasSubstr("\n\n" + bad + "\n"),
+                                       HasSubstr("\n\n" + odd + "\n"),
+                                       HasSubstr(" Found 3 cluster(s)\n")));
+  expectFields(json::parse(r[4].out), R"({"/mode": "clusters",
+      "/clusters/0/nodes/0/name": "node1"})");
+}
+
+TEST_F(Tovctl, DaemonTextNeverDrivesTheTerminal) {
+  // What a terminal acts on (title, screen clear, DEL, the C1 CSI) and bytes
+  // not UTF-8 (Latin-1, an encoded surrogate). The simulator decodes \xNN.
+  sim_ = newSim({}, R"({
+    "cluster": {"name": "evil\\x1b]0;pwned\\x07\\x7f\\xc2\\x9b\\xed\\xa0\\x80",
+                "poll_time": 1},
+    "services": [
+      {"name": "caf\\xe9", "state": "running", "mode": "auto"},
+      {"name": "db\\x1b[2J", "state": "stopped", "mode": "manual"}]})");
+  EXPECT_THAT(tool({"services"}).out,
+              testing::AllOf(HasSubstr("caf\xe9 "), HasSubstr("db\x1b[2J ")));
+  // At a terminal: escaped, the columns still lined up.
+  EXPECT_THAT(tool({"services"}, atTerminal()).out,
+              testing::AllOf(HasSubstr("0      caf\\xe9    running"),
+                             HasSubstr("1      db\\x1b[2J  stopped")));
+  const std::string info = tool({"info"}, atTerminal()).out;
+  EXPECT_THAT(
+      info, HasSubstr("evil\\x1b]0;pwned\\x07\\x7f\\xc2\\x9b\\xed\\xa0\\x80"));
+  EXPECT_EQ(info.find_first_of("\x1b\x07\x7f"), std::string::npos) << info;
+  // JSON never fails on bytes: the Latin-1 byte becomes U+FFFD.
+  expectFields(services(), R"({"/0/name": "caf\ufffd",
+                               "/1/name": "db\u001b[2J"})");
+  // A daemon's text in an error line is escaped too: one line, always.
+  const Outcome r = tool({"bounce", "nosuch"});
+  EXPECT_EQ(r.status, kUsage);
+  expectOneErrorLine(r, "(services: caf\\xe9, db\\x1b[2J)");
+}
+
+TEST_F(Tovctl, ProbeSurvivesAnExceptionInTheRefresh) {
+  if (__asan_init != nullptr) {
+    GTEST_SKIP() << "an address-space limit cannot be combined with the "
+                    "sanitizers' shadow memory";
+  }
+  // An information reply too large for the memory the probe may use: the
+  // refresh throws std::bad_alloc out of the probe.
+  sim_ = newSim({"--pad-to", "100000000"});
+  RunOptions limited;
+  limited.addressSpaceKb = 250000;
+  limited.limitSec = 60;  // a 100 MB reply is slow on a busy host
+  for (const char* level : {"0", "1", "3"}) {
+    SCOPED_TRACE(level);
+    const Outcome r = tool({"-d", level, "probe"}, limited);
+    EXPECT_EQ(r.status, 39) << r.err;
+    // At level 3 the library's objects still say goodbye after it.
+    EXPECT_THAT(linesOf(r.err),
+                testing::Contains(StartsWith(
+                    "tovctl: probe of " + at() +
+                    " failed: exception while collecting cluster information "
+                    "(TOV_EXCEPT_ALLINFO, code 39); reading the cluster "
+                    "information threw: ")));
+  }
+}
+
+TEST_F(Tovctl, SecretsStayHiddenUnlessAskedFor) {
+  RunOptions logged;
+  logged.env = {"TOVAPI_LOG=" + pw("log")};
+  Outcome r = tool(admin({"-d", "3", "bounce", "web"}), logged);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::ifstream in(pw("log"));
+  const std::string log((std::istreambuf_iterator<char>(in)), {});
+  for (const std::string& shown : {r.err, log}) {
+    EXPECT_THAT(shown, HasSubstr("<redacted>"));
+    EXPECT_THAT(shown, testing::Not(HasSubstr(kDigest)));
+  }
+  struct stat st {};
+  ASSERT_EQ(stat(pw("log").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  r = tool(admin({"--show-secrets", "-d", "3", "bounce", "web"}));
+  EXPECT_EQ(r.status, 0);
+  EXPECT_THAT(r.err,
+              testing::AllOf(HasSubstr(kDigest),
+                             HasSubstr("tovctl: warning: --show-secrets")));
+}
+
+TEST_F(Tovctl, TerminalPromptsEndCleanly) {
+  struct Case {
+    Args args;
+    std::string prompt, type;
+    int status;  // -1: ended by SIGINT
+    std::string shows;
+  };
+  const Args noFile{"-u", "admin", "bounce", "web"};
+  const std::string asked = "Password for admin";
+  const std::vector<Case> cases{
+      {noFile, asked, "\x03", -1, ""},
+      {noFile, asked, "\n", kUsage, "no password for user admin"},
+      {admin({"halt"}), "[y/N]", "n\n", 9, "not confirmed, nothing was sent"},
+      {admin({"shutdown"}), "[y/N]", "y\n", 0, "ok: shutdown of the daemon"},
   };
   for (const Case& c : cases) {
-    const Outcome r = runTovctl(c.args);
-    EXPECT_EQ(r.status, c.status) << c.args[1] << "\n" << r.err;
-    EXPECT_EQ(r.out, c.out) << c.args[1];
+    sim_ = newSim();
+    SCOPED_TRACE(c.args.back() + " answered " + c.type);
+    const Outcome r = tool(c.args, atTerminal(c.prompt, c.type));
+    EXPECT_EQ(r.status, c.status) << r.out;
+    EXPECT_EQ(r.signal, c.status < 0 ? SIGINT : 0);
+    EXPECT_TRUE(r.echoOn) << "the terminal was left without echo";
+    EXPECT_THAT(r.out, HasSubstr(c.shows));
+    EXPECT_TRUE(c.status == 0 || sim_->running()) << "nothing was sent";
   }
 }
 
-TEST_F(TovctlTest, DiscoverAtOneLoopbackHost) {
-  simtest::SimOptions o;
-  o.configJson = simtest::defaultConfigJson();
-  o.listen = {"127.0.3.1"};
-  o.udpPort = 1195;
-  o.maxLifetimeSec = 30;
-  std::unique_ptr<simtest::SimProcess> sim;
-  try {
-    sim = std::make_unique<simtest::SimProcess>(o);
-  } catch (const std::exception& e) {
-    GTEST_SKIP() << "UDP port 1195 on 127.0.3.1 is not available: " << e.what();
+const char* const kDegraded = R"({
+  "cluster": {"name": "shop", "poll_time": 1},
+  "nodes": [{"name": "alpha", "address": "127.0.0.1"},
+            {"name": "beta", "address": "127.0.0.2"},
+            {"name": "gamma", "address": "127.0.0.7", "silent": true}],
+  "services": [
+    {"name": "web", "state": "running", "mode": "auto", "node": "alpha"},
+    {"name": "db", "state": "stopped", "mode": "manual"},
+    {"name": "queue", "state": "starting", "mode": "auto", "node": "beta"},
+    {"name": "cache", "state": "stopping", "mode": "auto", "node": "beta"},
+    {"name": "mail", "state": "broken", "mode": "auto", "blocked": true}]})";
+const std::string kSummary =
+    "3 nodes: 2 answering, 1 silent; 5 services: 1 running, 1 stopped, "
+    "1 starting, 1 stopping, 1 broken, 1 blocked";
+
+TEST_F(Tovctl, StatusShowsNodesServicesAndTheSummary) {
+  sim_ = newSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
+  const Outcome r = tool({"--deadline", "8", "status"});
+  EXPECT_EQ(r.err, "");
+  EXPECT_THAT(r.out,
+              testing::MatchesRegex(
+                  "Cluster shop.*\ngamma +127\\.0\\.0\\.7 +silent +"
+                  "[0-9.]+ s +[^ ].*\n4 +mail +broken +auto +yes +-\n\n" +
+                  kSummary + "\n"));
+  // The information, then a probe of each other node; node 2 refuses (69).
+  json j = json::parse(tool({"--json", "--deadline", "8", "status"}).out);
+  EXPECT_EQ(j["summary"]["text"], kSummary);
+  expectFields(j, R"({"/cluster/name": "shop", "/exchanges": 3,
+      "/nodes/0/answers": true, "/nodes/2/answers": false, "/nodes/2/code": 69,
+      "/services/0/state": "running", "/services/1/state": "stopped",
+      "/services/2/state": "starting", "/services/3/state": "stopping",
+      "/services/4/state": "broken", "/services/5/state": null})");
+}
+
+// "TOVCLUSTER STATE - text | label=value[UOM];[warn];[crit];[min];[max] ...",
+// then a line for each silent node and service not running.
+TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
+  sim_ = newSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
+  const std::string closed = std::to_string(testsupport::closedPort());
+  const std::vector<std::pair<Args, std::string>> cases{
+      {{"check"}, "1 WARNING"},
+      {{"check", "-w", "1,4"}, "0 OK"},  // both ends are within
+      {{"check", "-w", "1,4", "-c", "0"}, "2 CRITICAL"},
+      {{"check", "-c", "~:0,@4:5"}, "2 CRITICAL"},
+      {{"check", "-w", "2:,0"}, "1 WARNING"},
+      {{"check", "-w", "2:1"}, "3 UNKNOWN"},  // its start above its end
+      {{"check", "-w", "x"}, "3 UNKNOWN"},
+      {{"check", "--frobnicate"}, "3 UNKNOWN"},
+      {{"check", "--deadline", "0.001"}, "3 UNKNOWN"},
+      {{"-p", closed, "check"}, "2 CRITICAL"},  // no cluster, no numbers
+  };
+  // Everything but the time and the thresholds given.
+  const std::string perf =
+      " - cluster shop: " + kSummary +
+      " \\| nodes_answering=2;;;0;3 nodes_silent=1;[^;]*;[^;]*;0;3 "
+      "services_running=1;;;0;5 services_not_running=4;[^;]*;[^;]*;0;5 "
+      "services_stopped=1;;;0;5 services_blocked=1;;;0;5 "
+      "services_broken=1;;;0;5 time=[0-9.]+s;;;0;8\n"
+      "node gamma \\(127\\.0\\.0\\.7\\) is silent: cannot connect\n"
+      "service 1 \\(db\\) is stopped\nservice 2 \\(queue\\) is starting\n"
+      "service 3 \\(cache\\) is stopping\n"
+      "service 4 \\(mail\\) is broken, blocked\n";
+  for (const auto& [given, want] : cases) {
+    SCOPED_TRACE(testing::PrintToString(given));
+    Args args{"--deadline", "8"};
+    args.insert(args.end(), given.begin(), given.end());
+    const bool unreachable = given[0] == "-p";
+    const Outcome r = unreachable ? runTovctl(args) : tool(args);
+    EXPECT_EQ(r.status, want[0] - '0') << r.out;
+    EXPECT_EQ(r.err, "");
+    const std::string head = "TOVCLUSTER " + want.substr(2);
+    EXPECT_THAT(r.out, testing::MatchesRegex(want[0] == '3' || unreachable
+                                                 ? head + " - [^|]*"
+                                                 : head + perf));
   }
-  const Outcome r =
-      runTovctl({"--json", "discover", "--clusters", "127.0.3.1"});
-  ASSERT_EQ(r.status, 0) << r.err;
-  const json j = json::parse(r.out);
-  EXPECT_EQ(j["mode"], "clusters");
-  ASSERT_EQ(j["count"], 1);
-  EXPECT_EQ(j["clusters"][0]["name"], "testcluster");
-  EXPECT_EQ(j["clusters"][0]["nodes"][0]["name"], "node1");
+}
+
+TEST_F(Tovctl, WatchOnATerminalShowsAChangeAndLeavesOnQ) {
+  // vt100 repeats no character by a sequence: a line comes as it shows.
+  Outcome stop;
+  RunOptions ro = atTerminal("", "", "TERM=vt100");
+  const auto stopWeb = [&] { stop = tool(admin({"stop", "web"})); };
+  ro.steps = {{"web", stopWeb, ""}, {"web      stopped", nullptr, "q"}};
+  const Outcome r = tool({"status", "--watch", "--interval", "0.5"}, ro);
+  EXPECT_EQ(stop.status, 0) << stop.err;
+  EXPECT_EQ(r.status, 0) << "the view did not leave on q:\n" << r.out;
+  EXPECT_TRUE(r.echoOn) << "the terminal was left without echo";
+  EXPECT_THAT(r.out, HasSubstr("testcluster"));
+  EXPECT_THAT(r.out, testing::ContainsRegex(R"(\*\s+0\s+web\s+stopped)"))
+      << "the stopped service is not marked as changed";
+}
+
+TEST_F(Tovctl, WatchOffATerminalPrintsCountSnapshotsAsTextOrJsonLines) {
+  const Args watch{"status", "--watch", "--count", "2", "--interval", "0.2"};
+  const Outcome r = tool(watch);
+  EXPECT_GE(r.seconds, 0.2) << "no interval between the snapshots";
+  EXPECT_THAT(linesOf(r.out),
+              testing::Contains(StartsWith("Cluster testcluster")).Times(2));
+  EXPECT_THAT(r.out, HasSubstr("\n\nCluster testcluster")) << "no blank line";
+  Args asJson = watch;
+  asJson.insert(asJson.begin(), "--json");
+  const std::vector<std::string> lines = linesOf(tool(asJson).out);
+  ASSERT_EQ(lines.size(), 2u);
+  for (const std::string& line : lines) {
+    expectFields(json::parse(line),
+                 R"({"/code": 0, "/services/0/name": "web"})");
+  }
 }
 
 }  // namespace
