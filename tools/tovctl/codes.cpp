@@ -176,7 +176,7 @@ int listCodes(bool json, const std::string& which) {
     const auto hint = advice().find(code);
     if (json) {
       nlohmann::json out = codeJson(code);
-      out["exit_status"] = code;
+      out["exit_status"] = exitStatusFor(code);
       out["advice"] = hint == advice().end() ? nlohmann::json(nullptr)
                                              : nlohmann::json(hint->second);
       std::cout << tovtools::jsonText(out) << std::endl;
@@ -185,7 +185,7 @@ int listCodes(bool json, const std::string& which) {
     std::cout << code << "  " << (code == 56 ? "-" : codeName(code)) << "  "
               << codeText(code) << '\n';
     if (hint != advice().end()) std::cout << hint->second << '\n';
-    std::cout << "tovctl exits with status " << code
+    std::cout << "tovctl exits with status " << exitStatusFor(code)
               << " when the library reports this code." << std::endl;
     return kExitOk;
   }
