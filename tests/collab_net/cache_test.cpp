@@ -120,6 +120,7 @@ TEST(ReplyDecoder, MessageAndServiceStateWords) {
       {"Cn cluster information\nC alpha 2\n", "cluster information"},
       {"Bk daemon busy\r\n", "daemon busy"},
       {"Bfno blank", "no blank"},
+      {"Bkx", "x"},  // the shortest message
       {"Zu\nsecond line", ""},
       {"C", ""}};
   for (auto [reply, message] : cases) {

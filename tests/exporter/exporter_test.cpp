@@ -223,6 +223,8 @@ const std::vector<Row> kRows = {
      {"127.0.95.1"},
      {"tov_up 1", R"(tov_node_up{node="n1",address="127.0.95.1"} 1)",
       R"(tov_node_up{node="n2",address="127.0.95.2"} 0)",
+      // Its probe is ended at the probe limit, well before the deadline.
+      R"(tov_node_probe_duration_seconds{node="n2",address="127.0.95.2"} 2.5)",
       R"(tov_service_state{service="mail",index="2",state="broken"} 1)",
       R"(tov_service_blocked{service="batch",index="3"} 1)",
       R"(tov_service_node_info{service="web",index="0",node="n1"} 1)",
