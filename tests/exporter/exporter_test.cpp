@@ -210,6 +210,15 @@ const Lines kTimedOut = {"tov_up 0",
                          "!tov_cluster_", "!tov_node_", "!tov_service_"};
 
 const std::vector<Row> kRows = {
+    {"Healthy",
+     R"({"cluster": {"name": "healthy", "poll_time": 1},
+         "nodes": [{"name": "n1", "address": "127.0.95.1"}],
+         "services": [{"name": "web", "state": "running", "mode": "auto",
+                       "node": "n1"}]})",
+     {"127.0.95.1"},
+     {"tov_up 1", R"(tov_node_up{node="n1",address="127.0.95.1"} 1)",
+      R"(tov_service_state{service="web",index="0",state="running"} 1)",
+      "!tov_scrape_errors_total{"}},
     {"SecondHostAnswers",
      simtest::defaultConfigJson(),
      {"127.0.95.9", "127.0.95.1"},
