@@ -66,8 +66,7 @@ void BM_SnapshotHealthy(benchmark::State& state, Sizes sizes) {
   // As `tovctl status` takes it: default options, its default deadline.
   auto snapshot = [&]() -> SnapshotTime {
     tovtools::SnapshotOptions so;
-    so.host = host;
-    so.port = port;
+    so.entries.push_back({host, port});
     tovtools::Deadline deadline(30);
     const auto start = Clock::now();
     const tovtools::Snapshot s = tovtools::takeSnapshot(so, deadline);

@@ -152,8 +152,7 @@ struct SnapshotRun {
 bool takeOne(const std::vector<Node>& nodes, const std::string& port,
              SnapshotRun& run) {
   tovtools::SnapshotOptions so;
-  so.host = nodes.front().address;
-  so.port = port;
+  so.entries.push_back({nodes.front().address, port});
   // As `tovctl status` takes it: default options, its default deadline.
   tovtools::Deadline deadline(30);
   const auto start = Clock::now();

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <iostream>
@@ -125,6 +126,15 @@ Deadline::Guard::~Guard() {
     std::cerr.clear();
     std::cout.clear();
   }
+}
+
+double entryShare(const Deadline& d, std::size_t left, double reserve) {
+  if (left <= 1) return 0;
+  if (!d.active()) return kEntryCap;
+  const double remaining = std::chrono::duration<double>(d.remaining()).count();
+  const double shared = std::max(remaining - reserve, remaining / 2);
+  // A share of zero would read as "no limit".
+  return std::max(shared / static_cast<double>(left), 0.001);
 }
 
 std::string secondsText(double seconds) {

@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -78,6 +79,15 @@ class Deadline {
   std::condition_variable cv_;
   std::thread watchdog_;
 };
+
+// How long the next of `left` entry nodes may take before the one after it
+// is asked, in seconds; 0 when it may take all that remains (the last one).
+// With a deadline, each entry node but the last gets an equal part of what
+// remains once `reserve` seconds are set aside for the work that follows
+// (but at least half of what remains is shared out). Without one, each but
+// the last gets kEntryCap seconds.
+constexpr double kEntryCap = 30;
+double entryShare(const Deadline& d, std::size_t left, double reserve);
 
 // A duration in seconds as an operator reads it: "2", "0.5", "1.25".
 std::string secondsText(double seconds);

@@ -76,7 +76,16 @@ void readInformation(Snapshot& s) {
     node.name = text(n, n_machine_name);
     node.address = text(n, n_ip_address);
     node.family = static_cast<int>(number(n, n_inet_family));
-    s.nodes.push_back(node);
+    // A record the daemon repeats is one node: probed once, shown once.
+    const bool seen = std::any_of(
+        s.nodes.begin(), s.nodes.end(), [&node](const NodeStatus& o) {
+          return o.name == node.name && o.address == node.address;
+        });
+    if (seen) {
+      ++s.duplicates;
+    } else {
+      s.nodes.push_back(node);
+    }
   }
   // Fields: letter, index, name, state, mode, blocked, node.
   const int services = tovCache.getNumberOfLetterEntries(s.host, tovInfo_S);
@@ -91,7 +100,16 @@ void readInformation(Snapshot& s) {
     svc.mode = text(v, 4);
     svc.blocked = text(v, 5) == "1";
     svc.node = text(v, 6);
-    s.services.push_back(svc);
+    // The index names a service: a second record for it is not a second
+    // service.
+    const bool seen = std::any_of(
+        s.services.begin(), s.services.end(),
+        [&svc](const ServiceStatus& o) { return o.index == svc.index; });
+    if (seen) {
+      ++s.duplicates;
+    } else {
+      s.services.push_back(svc);
+    }
   }
 }
 
@@ -235,6 +253,17 @@ void dropWorker(Worker& w, std::vector<pid_t>& ended) {
   ended.push_back(w.pid);
 }
 
+// An answered worker waits for the next snapshot, up to one per node of the
+// largest cluster: a process taking snapshots of several clusters keeps no
+// more than one of them needs.
+void keepIdle(Worker& w, unsigned maxWorkers, std::vector<pid_t>& ended) {
+  if (idleWorkers().size() < maxWorkers) {
+    idleWorkers().push_back(w);
+  } else {
+    dropWorker(w, ended);
+  }
+}
+
 // Reaped at the end, so that the ends of killed workers overlap.
 void reap(const std::vector<pid_t>& ended) {
   for (pid_t pid : ended) {
@@ -280,67 +309,86 @@ void giveUp(NodeStatus& n, const std::string& reason, double seconds) {
   n.seconds = seconds;
 }
 
-void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline,
-                double infoSeconds) {
-  const double limit = opts.probeLimit > 0 ? opts.probeLimit : 2.5;
-  const unsigned maxWorkers = std::max(1u, opts.maxWorkers);
-  // A new worker inherits unwritten output; it must not write it again.
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(nullptr);
-  // A worker that has gone away must not end the program with SIGPIPE.
-  struct sigaction ignore {
-  }, saved{};
-  ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &saved);
+// Nodes already heard from as entry nodes need no probe: the one that
+// answered the information request (which is what its probe would ask
+// again) answers, those that did not are silent for the reason they gave.
+bool settledAsEntry(NodeStatus& node, const Snapshot& s) {
+  for (const EntryAttempt& a : s.entries) {
+    if (a.host != node.address || a.port != s.port) continue;
+    node.answers = a.answered();
+    node.seconds = a.seconds;
+    node.code = a.code;
+    node.overdue = a.expired;
+    node.reason = a.answered() ? "" : "as entry node: " + a.reason();
+    return true;
+  }
+  return false;
+}
 
-  std::vector<Worker> running;
-  std::vector<pid_t> ended;
-  std::size_t next = 0;
-  while (next < s.nodes.size() || !running.empty()) {
-    while (next < s.nodes.size() && running.size() < maxWorkers &&
-           !deadline.expired()) {
-      NodeStatus& node = s.nodes[next];
-      if (node.address == s.host) {
-        // It has just answered the information request, which is what the
-        // probe would ask it again.
-        node.answers = true;
-        node.seconds = infoSeconds;
-        ++next;
+// One round of probes: every node not settled otherwise, as many at a time
+// as there are workers allowed.
+class ProbeRound {
+ public:
+  ProbeRound(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline)
+      : s_(s),
+        limit_(opts.probeLimit > 0 ? opts.probeLimit : 2.5),
+        maxWorkers_(std::max(1u, opts.maxWorkers)),
+        deadline_(deadline) {}
+
+  void run() {
+    while (next_ < s_.nodes.size() || !running_.empty()) {
+      startProbes();
+      if (deadline_.expired()) {
+        cutShort();
+        break;
+      }
+      if (!running_.empty()) awaitResults();
+    }
+    reap(ended_);
+  }
+
+ private:
+  void startProbes() {
+    while (next_ < s_.nodes.size() && running_.size() < maxWorkers_ &&
+           !deadline_.expired()) {
+      NodeStatus& node = s_.nodes[next_];
+      if (settledAsEntry(node, s_)) {
+        ++next_;
         continue;
       }
       Worker w;
       std::string why;
-      if (!startProbe(w, node.address, s.port, limit, ended, why)) {
+      if (!startProbe(w, node.address, s_.port, limit_, ended_, why)) {
         giveUp(node, "cannot probe: " + why, 0);
-        ++next;
+        ++next_;
         continue;
       }
-      ++s.exchanges;
-      w.node = next;
+      ++s_.exchanges;
+      w.node = next_++;
       w.end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                 std::chrono::duration<double>(limit));
-      running.push_back(w);
-      ++next;
+                                 std::chrono::duration<double>(limit_));
+      running_.push_back(w);
     }
-    if (deadline.expired()) {
-      s.cut = s.cut || !running.empty() || next < s.nodes.size();
-      for (Worker& w : running) {
-        giveUp(s.nodes[w.node], "no answer before the deadline", limit);
-        dropWorker(w, ended);
-      }
-      running.clear();
-      for (; next < s.nodes.size(); ++next) {
-        giveUp(s.nodes[next], "not probed before the deadline", 0);
-      }
-      break;
+  }
+
+  void cutShort() {
+    s_.cut = s_.cut || !running_.empty() || next_ < s_.nodes.size();
+    for (Worker& w : running_) {
+      giveUp(s_.nodes[w.node], "no answer before the deadline", limit_);
+      dropWorker(w, ended_);
     }
+    running_.clear();
+    for (; next_ < s_.nodes.size(); ++next_) {
+      if (!settledAsEntry(s_.nodes[next_], s_)) {
+        giveUp(s_.nodes[next_], "not probed before the deadline", 0);
+      }
+    }
+  }
 
-    if (running.empty()) continue;  // every node left needed no worker
-
-    Clock::time_point wake = Clock::now() + deadline.remaining();
+  void awaitResults() {
+    Clock::time_point wake = Clock::now() + deadline_.remaining();
     std::vector<pollfd> fds;
-    for (const Worker& w : running) {
+    for (const Worker& w : running_) {
       wake = std::min(wake, w.end);
       fds.push_back({w.result, POLLIN, 0});
     }
@@ -352,39 +400,89 @@ void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline,
     if (n < 0 && errno != EINTR) {
       const std::string why =
           std::string("cannot wait for the probe: ") + std::strerror(errno);
-      for (Worker& w : running) {
-        giveUp(s.nodes[w.node], why, 0);
-        dropWorker(w, ended);
+      for (Worker& w : running_) {
+        giveUp(s_.nodes[w.node], why, 0);
+        dropWorker(w, ended_);
       }
-      running.clear();
-      continue;
+      running_.clear();
+      return;
     }
+    collect(fds, n > 0);
+  }
 
+  void collect(const std::vector<pollfd>& fds, bool ready) {
     const Clock::time_point now = Clock::now();
     std::vector<Worker> still;
-    for (std::size_t i = 0; i < running.size(); ++i) {
-      Worker& w = running[i];
-      NodeStatus& node = s.nodes[w.node];
-      if (n > 0 && fds[i].revents != 0) {
+    for (std::size_t i = 0; i < running_.size(); ++i) {
+      Worker& w = running_[i];
+      NodeStatus& node = s_.nodes[w.node];
+      if (ready && fds[i].revents != 0) {
         ProbeResult r{};
         if (readAll(w.result, &r, sizeof r)) {
           settle(node, r);
-          idleWorkers().push_back(w);
+          keepIdle(w, maxWorkers_, ended_);
         } else {
-          giveUp(node, "the probe ended without a result", limit);
-          dropWorker(w, ended);
+          giveUp(node, "the probe ended without a result", limit_);
+          dropWorker(w, ended_);
         }
       } else if (now >= w.end) {
-        giveUp(node, "no answer within " + secondsText(limit) + " s", limit);
-        dropWorker(w, ended);
+        giveUp(node, "no answer within " + secondsText(limit_) + " s", limit_);
+        dropWorker(w, ended_);
       } else {
         still.push_back(w);
       }
     }
-    running.swap(still);
+    running_.swap(still);
   }
-  reap(ended);
+
+  Snapshot& s_;
+  const double limit_;
+  const unsigned maxWorkers_;
+  Deadline& deadline_;
+  std::vector<Worker> running_;
+  std::vector<pid_t> ended_;
+  std::size_t next_ = 0;
+};
+
+void probeNodes(Snapshot& s, const SnapshotOptions& opts, Deadline& deadline) {
+  // A new worker inherits unwritten output; it must not write it again.
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(nullptr);
+  // A worker that has gone away must not end the program with SIGPIPE.
+  struct sigaction ignore {
+  }, saved{};
+  ignore.sa_handler = SIG_IGN;
+  sigaction(SIGPIPE, &ignore, &saved);
+  ProbeRound(s, opts, deadline).run();
   sigaction(SIGPIPE, &saved, nullptr);
+}
+
+// Asks one entry node for the cluster information within its share of the
+// deadline.
+EntryAttempt askEntry(const Endpoint& e, double share, Deadline& deadline) {
+  EntryAttempt a;
+  a.host = e.host;
+  a.port = e.port;
+  a.share = share;
+  const auto begun = Clock::now();
+  Deadline part(share);
+  int rc = 0;
+  {
+    Deadline::Guard whole(deadline);
+    Deadline::Guard mine(part);
+    try {
+      rc = tov1::tovCache.refreshCache(e.host, e.port, true);
+    } catch (const std::exception&) {
+      // A reply too large for memory, say: the information is not there.
+      rc = -static_cast<int>(tov1::TOV_EXCEPT_ALLINFO);
+    }
+  }
+  a.seconds = secondsSince(begun);
+  // An answer that came in as the share ran out is still an answer.
+  a.expired = rc != 0 && (part.expired() || deadline.expired());
+  a.code = positive(rc);
+  return a;
 }
 
 nlohmann::json portJson(const std::string& port) {
@@ -425,49 +523,70 @@ std::string summaryText(const SnapshotCounts& c) {
   auto plural = [](unsigned n, const char* one) {
     return std::to_string(n) + " " + one + (n == 1 ? "" : "s");
   };
-  std::string out = plural(c.nodes, "node") + ": " +
+  std::string out = plural(c.nodes, "node") + " (" +
                     std::to_string(c.answering) + " answering";
   if (c.silent > 0) out += ", " + std::to_string(c.silent) + " silent";
-  out += "; " + plural(c.services, "service");
+  out += "), " + plural(c.services, "service");
   const std::pair<unsigned, const char*> states[] = {
       {c.running, "running"},   {c.stopped, "stopped"},
       {c.starting, "starting"}, {c.stopping, "stopping"},
       {c.broken, "broken"},     {c.other, "in another state"}};
-  const char* sep = ": ";
+  const char* sep = " (";
   for (const auto& st : states) {
     if (st.first == 0 && std::string(st.second) != "running") continue;
     out += sep + std::to_string(st.first) + " " + st.second;
     sep = ", ";
   }
   if (c.blocked > 0) out += ", " + std::to_string(c.blocked) + " blocked";
-  return out;
+  return out + ")";
+}
+
+bool serviceProblem(const ServiceStatus& v) {
+  return v.state == "broken" || v.blocked ||
+         (v.state != "running" && v.mode == "auto");
+}
+
+std::string EntryAttempt::reason() const {
+  if (answered()) return "";
+  if (expired) {
+    return share > 0 ? "no answer within its share of the deadline (" +
+                           secondsText(share) + " s)"
+                     : "no answer before the deadline";
+  }
+  return codeReason(code);
 }
 
 Snapshot takeSnapshot(const SnapshotOptions& opts, Deadline& deadline) {
   Snapshot s;
-  s.host = opts.host;
-  s.port = opts.port;
   s.takenAt = std::chrono::duration<double>(
                   std::chrono::system_clock::now().time_since_epoch())
                   .count();
   const auto begun = Clock::now();
   deadline.start();
-  int rc = 0;
-  {
-    Deadline::Guard guard(deadline);
-    try {
-      rc = tov1::tovCache.refreshCache(s.host, s.port, true);
-    } catch (const std::exception&) {
-      // A reply too large for memory, say: the information is not there.
-      rc = -static_cast<int>(tov1::TOV_EXCEPT_ALLINFO);
-    }
+  const std::size_t n = opts.entries.size();
+  for (std::size_t i = 0; i < n && !deadline.expired(); ++i) {
+    const double share =
+        entryShare(deadline, n - i, opts.probeLimit > 0 ? opts.probeLimit : 0);
+    s.entries.push_back(askEntry(opts.entries[i], share, deadline));
+    ++s.exchanges;
+    if (s.entries.back().answered()) break;
   }
-  ++s.exchanges;
-  s.expired = deadline.expired();
-  s.code = positive(rc);
+  if (!s.entries.empty()) {
+    const EntryAttempt& last = s.entries.back();
+    s.host = last.host;
+    s.port = last.port;
+    s.code = last.code;
+  } else if (n > 0) {
+    s.host = opts.entries.front().host;
+    s.port = opts.entries.front().port;
+  } else {
+    s.code = static_cast<int>(tov1::TOV_NO_NODES);
+  }
+  s.expired = (n > 0 && s.entries.empty()) || deadline.expired() ||
+              (!s.entries.empty() && s.entries.back().expired);
   if (s.ok()) {
     readInformation(s);
-    probeNodes(s, opts, deadline, secondsSince(begun));
+    probeNodes(s, opts, deadline);
   }
   s.seconds = secondsSince(begun);
   return s;
@@ -496,9 +615,22 @@ nlohmann::json snapshotJson(const Snapshot& s) {
                         {"blocked", v.blocked},
                         {"node", v.node}});
   }
+  json entries = json::array();
+  for (const EntryAttempt& a : s.entries) {
+    entries.push_back({{"host", a.host},
+                       {"port", portJson(a.port)},
+                       {"answered", a.answered()},
+                       {"code", a.code},
+                       {"expired", a.expired},
+                       {"share", a.share},
+                       {"seconds", a.seconds},
+                       {"reason", a.reason()}});
+  }
   const SnapshotCounts c = countsOf(s);
   return json{{"host", s.host},
               {"port", portJson(s.port)},
+              {"entries", entries},
+              {"duplicates", s.duplicates},
               {"taken_at", s.takenAt},
               {"seconds", s.seconds},
               {"code", s.code},
@@ -534,12 +666,30 @@ nlohmann::json snapshotJson(const Snapshot& s) {
                 {"text", summaryText(c)}}}};
 }
 
+namespace {
+
+std::string portFromJson(const nlohmann::json& port) {
+  return port.is_number() ? std::to_string(port.get<long long>())
+                          : port.get<std::string>();
+}
+
+}  // namespace
+
 Snapshot snapshotFromJson(const nlohmann::json& j) {
   Snapshot s;
   s.host = j.at("host").get<std::string>();
-  const nlohmann::json& port = j.at("port");
-  s.port = port.is_number() ? std::to_string(port.get<long long>())
-                            : port.get<std::string>();
+  s.port = portFromJson(j.at("port"));
+  for (const nlohmann::json& e : j.at("entries")) {
+    EntryAttempt a;
+    a.host = e.at("host").get<std::string>();
+    a.port = portFromJson(e.at("port"));
+    a.code = e.at("code").get<int>();
+    a.expired = e.at("expired").get<bool>();
+    a.share = e.at("share").get<double>();
+    a.seconds = e.at("seconds").get<double>();
+    s.entries.push_back(a);
+  }
+  s.duplicates = j.at("duplicates").get<unsigned>();
   s.takenAt = j.at("taken_at").get<double>();
   s.seconds = j.at("seconds").get<double>();
   s.code = j.at("code").get<int>();

@@ -1,12 +1,13 @@
-// One picture of a whole cluster, taken through any one of its nodes: the
-// cluster record, every node with whether its daemon answers, and every
-// service. `tovctl status`, its live view, `tovctl check` and the exporter
-// all show the same picture.
+// One picture of a whole cluster, taken through the first of its entry
+// nodes that answers: the cluster record, every node with whether its daemon
+// answers, and every service. `tovctl status`, its live view, `tovctl check`
+// and the exporter all show the same picture.
 //
 // The library keeps its state per process and its node probe swaps the
 // process's standard error stream, so the nodes are probed in worker
-// processes, in parallel, never in threads. A snapshot takes about one probe
-// time however many nodes answer, refuse or hang.
+// processes, all at once up to the largest cluster a daemon allows, never in
+// threads. A snapshot takes about one probe time however many nodes answer,
+// refuse or hang.
 #ifndef TOOLS_COMMON_SNAPSHOT_H
 #define TOOLS_COMMON_SNAPSHOT_H
 
@@ -54,17 +55,33 @@ struct ServiceStatus {
   std::string node;  // "-" when it runs nowhere
 };
 
-struct Snapshot {
-  std::string host;  // the node asked for the cluster information
+// A node asked for the cluster information, and how that went.
+struct EntryAttempt {
+  std::string host;
   std::string port;
-  double takenAt = 0;  // Unix time when it was begun
-  double seconds = 0;  // how long it took
+  int code = 0;          // the library's result as a positive code, or 0
+  bool expired = false;  // its share of the deadline ran out first
+  double share = 0;      // seconds it was given; 0: all that was left
+  double seconds = 0;    // how long it took
+  bool answered() const { return code == 0 && !expired; }
+  std::string reason() const;  // why it did not answer; "" when it did
+};
+
+struct Snapshot {
+  // The entry node that gave the cluster information, or the last one asked
+  // when none did.
+  std::string host;
+  std::string port;
+  std::vector<EntryAttempt> entries;  // in the order they were asked
+  double takenAt = 0;                 // Unix time when it was begun
+  double seconds = 0;                 // how long it took
   // Of the information exchange: 0, or the library's result as a positive
   // code. Without the information there are no nodes nor services.
   int code = 0;
   bool expired = false;  // the deadline ended the information exchange
   bool cut = false;  // the deadline ended probes: their nodes count as silent
-  unsigned exchanges = 0;  // information exchange plus probes begun
+  unsigned exchanges = 0;   // information exchanges plus probes begun
+  unsigned duplicates = 0;  // node and service records repeated by the daemon
   ClusterRecord cluster;
   std::vector<NodeStatus> nodes;
   std::vector<ServiceStatus> services;
@@ -81,25 +98,43 @@ struct SnapshotCounts {
 
 SnapshotCounts countsOf(const Snapshot& s);
 
-// "3 nodes: 2 answering, 1 silent; 3 services: 2 running, 1 stopped"; the
+// "3 nodes (2 answering, 1 silent), 3 services (2 running, 1 stopped)"; the
 // service states that no service is in are left out, blocked services are
-// added at the end.
+// added at the end. No semicolon: monitoring systems take it for a field
+// separator.
 std::string summaryText(const SnapshotCounts& c);
 
-struct SnapshotOptions {
+// A service that needs someone to look at it: broken, blocked, or not
+// running although its mode has the daemons keep it running.
+bool serviceProblem(const ServiceStatus& v);
+
+struct Endpoint {
   std::string host;
   std::string port;
+};
+
+// The largest cluster a daemon allows.
+constexpr unsigned kMaxNodes = 256;
+
+struct SnapshotOptions {
+  // Asked in order for the cluster information until one answers.
+  std::vector<Endpoint> entries;
   // A probe that has not ended this long after it began counts as silent.
   // The library's probe gives a node two seconds to connect and to send
   // its salt; the rest is for the information reply.
   double probeLimit = 2.5;
-  // Probes running at once, each in a process of its own.
-  unsigned maxWorkers = 64;
+  // Probes running at once, each in a process of its own: every node of
+  // the largest cluster at once, so that a snapshot takes one probe time.
+  unsigned maxWorkers = kMaxNodes;
 };
 
 // Takes a snapshot within `deadline` (started here if it was not yet).
-// Never throws for what the network sends; the information exchange's
-// failure is in `code` / `expired`, a node's in its entry.
+// Every entry node but the last may use its share of the deadline
+// (entryShare, with one probe limit set aside for the probes) before the
+// next is asked. Never throws for what the network sends; the failure of
+// the last information exchange is in `code` / `expired`, a node's in its
+// entry. An entry node that did not answer is a silent node like any other
+// and is not probed again.
 Snapshot takeSnapshot(const SnapshotOptions& opts, Deadline& deadline);
 
 // The snapshot as JSON (the shape `tovctl status --json` prints) and back.

@@ -221,22 +221,21 @@ std::string Scraper::take(double deadlineSeconds) {
     std::streambuf* const saved = tov1::tovDebug.getDebugLevel() > 0
                                       ? nullptr
                                       : std::cerr.rdbuf(quiet.rdbuf());
-    for (const Target& t : targets_) {
-      tovtools::SnapshotOptions so;
-      so.host = t.host;
-      so.port = t.port;
-      snap = tovtools::takeSnapshot(so, deadline);
-      counted.exchanges += snap.exchanges;
-      if (snap.ok()) {
-        up = true;
-        break;
-      }
-      if (snap.expired) {
+    tovtools::SnapshotOptions so;
+    for (const Target& t : targets_) so.entries.push_back({t.host, t.port});
+    snap = tovtools::takeSnapshot(so, deadline);
+    counted.exchanges += snap.exchanges;
+    up = snap.ok();
+    for (const tovtools::EntryAttempt& a : snap.entries) {
+      if (a.answered()) continue;
+      if (a.expired) {
         ++counted.errors[{"deadline", "deadline"}];
-        break;
+      } else {
+        ++counted.errors[{std::to_string(a.code), tovtools::codeName(a.code)}];
       }
-      ++counted
-            .errors[{std::to_string(snap.code), tovtools::codeName(snap.code)}];
+    }
+    if (snap.entries.empty() && snap.expired) {
+      ++counted.errors[{"deadline", "deadline"}];
     }
     if (saved != nullptr) std::cerr.rdbuf(saved);
   }
