@@ -39,16 +39,22 @@ void checkLineText(const std::string& text, const std::string& what) {
 
 }  // namespace
 
-int cmdProbe(const Options& o, const std::string& host) {
-  Session s(o, host);
-  const std::string what = "probe of " + s.label();
+int cmdProbe(const Options& o, const std::string& hostArg) {
+  std::string host;
+  int port = o.port;
+  std::string why;
+  if (!hostArg.empty() && !splitHostPort(hostArg, host, port, why)) {
+    usageError("probe: " + why);
+  }
+  Session s = hostArg.empty() ? Session(o) : Session(o, host, port);
+  const std::string what = "probe of " + entriesLabel(o, s);
   // The probe swaps the buffer of std::cerr, switches colour off and lowers
   // the timeout, and leaves all three behind when the refresh throws (an
   // information reply too large for memory, say): put them back here.
   std::streambuf* const errBuffer = std::cerr.rdbuf();
   const bool colour = tov1::Debug::useColour;
   std::string exception;
-  const int rc = bounded(what, s.label(), [&] {
+  const int rc = s.firstAnswering(what, HandOver::AnyFailure, [&] {
     try {
       return tov1::tovNet.testNode(s.host(), s.port());
     } catch (const std::exception& e) {
@@ -64,12 +70,12 @@ int cmdProbe(const Options& o, const std::string& host) {
   if (!exception.empty()) {
     failWith(what, rc, "reading the cluster information threw: " + exception);
   }
-  if (rc != 0) failWith(what, rc);
+  if (rc != 0) failWith(what, rc, s.skippedDetail());
   const std::string cluster = tov1::tovCache.tovInfoGetValue(
       s.host(), tov1::tovInfo_C, 0, tov1::c_cluster_name);
   if (o.json) {
     printJson(json{{"host", s.host()},
-                   {"port", o.port},
+                   {"port", s.portNumber()},
                    {"answers", true},
                    {"cluster", cluster}});
   } else {
@@ -164,7 +170,7 @@ std::string sendServiceCommand(Session& s, const std::string& letters,
 
 int cmdServiceAction(const Options& o, const ServiceAction& a,
                      const std::string& service, const std::string& suffix) {
-  Session s(o, o.host);
+  Session s(o);
   s.authVector();
   const ServiceRef ref = s.resolveService(service);
   const std::string what = a.name + " of " + describe(ref) + " on " + s.label();
@@ -172,7 +178,7 @@ int cmdServiceAction(const Options& o, const ServiceAction& a,
   if (o.json) {
     printJson(json{{"command", a.name},
                    {"host", s.host()},
-                   {"port", o.port},
+                   {"port", s.portNumber()},
                    {"service", serviceRefJson(ref)},
                    {"result", 0}});
   } else {
@@ -189,7 +195,7 @@ int cmdLog(const Options& o, const std::string& service,
   }
   if (message.empty()) usageError("log: the message is empty");
   checkLineText(message, "log: the message");
-  Session s(o, o.host);
+  Session s(o);
   s.authVector();
   const ServiceRef ref = s.resolveService(service);
   const std::string what =
@@ -199,7 +205,7 @@ int cmdLog(const Options& o, const std::string& service,
   if (o.json) {
     printJson(json{{"command", "log"},
                    {"host", s.host()},
-                   {"port", o.port},
+                   {"port", s.portNumber()},
                    {"service", serviceRefJson(ref)},
                    {"sent", sent},
                    {"result", 0}});
@@ -231,7 +237,12 @@ void confirm(const Options& o, const std::string& what,
 }  // namespace
 
 int cmdDaemonAction(const Options& o, const ServiceAction& a) {
-  Session s(o, o.host);
+  const bool ends = a.letters == "JA" || a.letters == "L";
+  if (ends && o.entries.size() > 1) {
+    // Handing over would end another daemon than the one meant.
+    usageError(a.name + " ends one daemon: give exactly one -H");
+  }
+  Session s(o);
   const bool check = a.letters.size() == 2 && a.letters[1] == '\0';
   if (check && o.user.empty()) {
     usageError("check-password needs a user (-u USER)");
@@ -252,7 +263,7 @@ int cmdDaemonAction(const Options& o, const ServiceAction& a) {
   if (o.json) {
     json j{{"command", a.name},
            {"host", s.host()},
-           {"port", o.port},
+           {"port", s.portNumber()},
            {"result", 0}};
     if (check) j["user"] = o.user;
     printJson(j);
@@ -296,7 +307,7 @@ Reply serviceData(Session& s, char letter, const std::string& service,
 
 int cmdServiceData(const Options& o, char letter, const std::string& service,
                    bool authenticate) {
-  Session s(o, o.host);
+  Session s(o);
   ServiceRef ref;
   std::string what;
   const char* doing = letter == req_heartbeats ? "heartbeats"
@@ -320,7 +331,7 @@ int cmdServiceData(const Options& o, char letter, const std::string& service,
 }
 
 int cmdVersion(const Options& o, const std::string& service) {
-  Session s(o, o.host);
+  Session s(o);
   ServiceRef ref;
   std::string what;
   const Reply reply = serviceData(s, static_cast<char>(req_version), service,
@@ -337,7 +348,7 @@ int cmdVersion(const Options& o, const std::string& service) {
   if (o.json) {
     printJson(
         json{{"host", s.host()},
-             {"port", o.port},
+             {"port", s.portNumber()},
              {"version", version.empty() ? json(nullptr) : json(version)},
              {"protocol", protocol.empty() ? json(nullptr) : json(protocol)},
              {"message", reply.message}});
@@ -354,7 +365,7 @@ int cmdInfo(const Options& o, const std::string& service) {
   if (!service.empty()) {
     return cmdServiceData(o, static_cast<char>(req_info), service, false);
   }
-  Session s(o, o.host);
+  Session s(o);
   s.refreshCache(true, "reading the cluster information from " + s.label());
   const std::vector<std::string> cluster =
       tov1::tovCache.tovInfoGetValueVector(s.host(), tov1::tovInfo_C, 0);
@@ -370,7 +381,7 @@ int cmdInfo(const Options& o, const std::string& service) {
 
   if (o.json) {
     json j{{"host", s.host()},
-           {"port", o.port},
+           {"port", s.portNumber()},
            {"cluster", clusterJson(cluster)}};
     json nodeList = json::array();
     for (const auto& rec : nodes) nodeList.push_back(nodeJson(rec));
@@ -400,13 +411,14 @@ int cmdInfo(const Options& o, const std::string& service) {
 }
 
 int cmdServices(const Options& o) {
-  Session s(o, o.host);
+  Session s(o);
   s.refreshCache(true, "reading the service list from " + s.label());
   const std::vector<ServiceRecord> list = s.services();
   if (o.json) {
     json arr = json::array();
     for (const ServiceRecord& r : list) arr.push_back(serviceJson(r));
-    printJson(json{{"host", s.host()}, {"port", o.port}, {"services", arr}});
+    printJson(
+        json{{"host", s.host()}, {"port", s.portNumber()}, {"services", arr}});
   } else {
     printServices(std::cout, list);
     std::cout.flush();
@@ -417,7 +429,7 @@ int cmdServices(const Options& o) {
 int cmdSend(const Options& o, const std::string& line) {
   if (line.empty()) usageError("send: the request line is empty");
   checkLineText(line, "send: the request line");
-  Session s(o, o.host);
+  Session s(o);
   const std::vector<std::string> auth = s.authVector();
   const std::string what = "request \"" + line + "\" to " + s.label();
   Reply reply;

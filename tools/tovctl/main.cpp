@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "check.h"
 #include "codes.h"
 #include "commands.h"
 #include "discovery.h"
@@ -151,118 +152,6 @@ std::string commandWord(const CLI::App& app, int argc, char** argv) {
   return "";
 }
 
-void applyGlobals(Options& o) {
-  tov1::Debug::useColour = !o.noColour && isatty(STDERR_FILENO) &&
-                           std::getenv("NO_COLOR") == nullptr;
-  tovctl::setJsonOutput(o.json);
-  std::string why;
-  if (!tovctl::splitHostPort(o.host, o.host, o.port, why)) {
-    tovctl::setTarget("", 0);
-    tovctl::usageError("-H: " + why);
-  }
-  tovctl::setTarget(o.host, o.port);
-  tov1::tovDebug.setDebugLevel(o.debug);
-  tov1::tovNet.setTimeout(static_cast<float>(o.timeout));
-  tov1::tovNet.pref_AF = o.ipv4 ? AF_INET : o.ipv6 ? AF_INET6 : 0;
-  if (!o.passwordFile.empty() && o.user.empty()) {
-    tovctl::usageError("--password-file needs a user (-u USER)");
-  }
-  if (o.showSecrets) {
-    setenv("TOVAPI_SHOW_SECRETS", "1", 1);
-    tovctl::warn(
-        "--show-secrets: password digests appear in the diagnostics and in "
-        "TOVAPI_LOG; a digest is enough to command the daemon");
-  }
-  tovctl::setDeadline(o.deadline);
-  // A call that no signal ends (a name lookup retrying by itself) still
-  // ends the program half a second after the deadline.
-  const double seconds = o.deadline;
-  const std::string host = o.host;
-  tovctl::deadline().onOverrun(std::chrono::milliseconds(500), [seconds, host] {
-    const int status = tovctl::reportDeadline(
-        "command for " + host, seconds,
-        "the library was blocked in a call that did not give up (a name "
-        "lookup?); stopping");
-    std::_Exit(status);
-  });
-}
-
-// A check speaks to a monitoring system, not to a person: every way it can
-// end is one status line on standard output and a status of 0 to 3.
-constexpr int kCheckUnknown = 3;
-
-int checkUnknown(const std::string& message) {
-  std::string text = message;
-  if (text.rfind("tovctl: ", 0) == 0) text.erase(0, 8);
-  while (!text.empty() && text.back() == '\n') text.pop_back();
-  const std::size_t nl = text.find('\n');
-  if (nl != std::string::npos) text.erase(nl);
-  std::cout << "TOVCLUSTER UNKNOWN - " << text << std::endl;
-  return kCheckUnknown;
-}
-
-// "-w 0" sets both thresholds, "-w 0,2" silent nodes and services apart,
-// "-w ,2" only the second.
-bool splitThresholds(const std::string& given,
-                     std::optional<tovctl::CheckRange>& silent,
-                     std::optional<tovctl::CheckRange>& down,
-                     std::string& why) {
-  if (given.empty()) return true;
-  const std::size_t comma = given.find(',');
-  const std::string first = given.substr(0, comma);
-  const std::string second =
-      comma == std::string::npos ? first : given.substr(comma + 1);
-  if (second.find(',') != std::string::npos) {
-    why = "at most two ranges";
-    return false;
-  }
-  tovctl::CheckRange r;
-  if (!first.empty()) {
-    if (!tovctl::CheckRange::parse(first, r, why)) return false;
-    silent = r;
-  }
-  if (!second.empty()) {
-    if (!tovctl::CheckRange::parse(second, r, why)) return false;
-    down = r;
-  }
-  return true;
-}
-
-int runCheck(Options& o, bool deadlineGiven, const std::string& warning,
-             const std::string& critical) {
-  o.json = false;
-  if (!deadlineGiven) o.deadline = 10;
-  try {
-    std::string refused;
-    {
-      tovctl::StreamCapture err(std::cerr, true);
-      try {
-        applyGlobals(o);
-      } catch (const tovctl::ExitNow&) {
-        refused = err.text();
-      }
-    }
-    if (!refused.empty()) return checkUnknown(refused);
-    tovctl::CheckOptions c;
-    tovctl::CheckRange zero;
-    std::string why;
-    tovctl::CheckRange::parse("0", zero, why);
-    c.warnSilent = zero;
-    c.warnDown = zero;
-    if (!splitThresholds(warning, c.warnSilent, c.warnDown, why)) {
-      return checkUnknown("-w " + warning + ": " + why);
-    }
-    if (!splitThresholds(critical, c.critSilent, c.critDown, why)) {
-      return checkUnknown("-c " + critical + ": " + why);
-    }
-    return tovctl::cmdCheck(o, c);
-  } catch (const tovctl::ExitNow& e) {
-    return e.status;
-  } catch (const std::exception& e) {
-    return checkUnknown(std::string("unexpected error: ") + e.what());
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -273,8 +162,12 @@ int main(int argc, char** argv) {
   // Global options may also follow the subcommand.
   app.fallthrough();
 
-  app.add_option("-H,--host", o.host, "daemon's host name or address")
+  app.add_option("-H,--host", o.hosts,
+                 "an entry node: a daemon's host name or address, with :PORT "
+                 "if need be; repeat (or separate with commas) for more, "
+                 "tried in order")
       ->type_name("HOST")
+      ->delimiter(',')
       ->capture_default_str();
   app.add_option("-p,--port", o.port, "daemon's TCP port (1-65535)")
       ->type_name("PORT")
@@ -345,16 +238,10 @@ int main(int argc, char** argv) {
   std::string probeHost;
   auto* probe = app.add_subcommand(
       "probe", "check quietly (2 s timeout) whether a daemon answers");
-  probe->add_option("host", probeHost, "host to probe (default: --host)");
-  on(probe, [&] {
-    std::string host = o.host;
-    std::string why;
-    if (!probeHost.empty() &&
-        !tovctl::splitHostPort(probeHost, host, o.port, why)) {
-      tovctl::usageError("probe: " + why);
-    }
-    return tovctl::cmdProbe(o, host);
-  });
+  probe->add_option("host", probeHost,
+                    "host to probe (default: the first entry node that "
+                    "answers)");
+  on(probe, [&] { return tovctl::cmdProbe(o, probeHost); });
 
   std::string resolveHost;
   auto* resolve = app.add_subcommand("resolve", "print the address of a host");
@@ -514,7 +401,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
     if (commandWord(app, argc, argv) == "check") {
-      return checkUnknown(std::string("usage: ") + e.what());
+      return tovctl::checkUnknown(std::string("usage: ") + e.what());
     }
     // The options were not all read: --json and -H count as given anyway.
     tovctl::setJsonOutput(
@@ -538,11 +425,11 @@ int main(int argc, char** argv) {
   }
 
   if (check->parsed()) {
-    return runCheck(o, app.get_option("--deadline")->count() > 0, checkWarning,
-                    checkCritical);
+    return tovctl::runCheck(o, app.get_option("--deadline")->count() > 0,
+                            checkWarning, checkCritical);
   }
   try {
-    applyGlobals(o);
+    tovctl::applyGlobals(o);
     for (const auto& h : handlers) {
       if (h.first->parsed()) return h.second();
     }

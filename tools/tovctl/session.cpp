@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -54,6 +55,51 @@ std::string waitingFor(int result, const std::string& label) {
 }
 
 }  // namespace
+
+void applyGlobals(Options& o) {
+  tov1::Debug::useColour = !o.noColour && isatty(STDERR_FILENO) &&
+                           std::getenv("NO_COLOR") == nullptr;
+  setJsonOutput(o.json);
+  o.entries.clear();
+  for (const std::string& given : o.hosts) {
+    std::string host, why;
+    int port = o.port;
+    if (!splitHostPort(given, host, port, why)) {
+      setTarget("", 0);
+      usageError("-H: " + why);
+    }
+    o.entries.push_back({host, std::to_string(port)});
+  }
+  if (o.entries.empty()) {
+    o.entries.push_back({"127.0.0.1", std::to_string(o.port)});
+  }
+  setTarget(o.entries.front().host,
+            tovUtils::stringToInt(o.entries.front().port));
+  tov1::tovDebug.setDebugLevel(o.debug);
+  tov1::tovNet.setTimeout(static_cast<float>(o.timeout));
+  tov1::tovNet.pref_AF = o.ipv4 ? AF_INET : o.ipv6 ? AF_INET6 : 0;
+  if (!o.passwordFile.empty() && o.user.empty()) {
+    usageError("--password-file needs a user (-u USER)");
+  }
+  if (o.showSecrets) {
+    setenv("TOVAPI_SHOW_SECRETS", "1", 1);
+    warn(
+        "--show-secrets: password digests appear in the diagnostics and in "
+        "TOVAPI_LOG; a digest is enough to command the daemon");
+  }
+  setDeadline(o.deadline);
+  // A call that no signal ends (a name lookup retrying by itself) still
+  // ends the program half a second after the deadline.
+  const double seconds = o.deadline;
+  const std::string host = o.entries.front().host;
+  deadline().onOverrun(std::chrono::milliseconds(500), [seconds, host] {
+    const int status = reportDeadline(
+        "command for " + host, seconds,
+        "the library was blocked in a call that did not give up (a name "
+        "lookup?); stopping");
+    std::_Exit(status);
+  });
+}
 
 void setDeadline(double seconds) {
   delete commandDeadline;
@@ -116,9 +162,100 @@ std::string readPasswordFile(const std::string& path) {
 
 }  // namespace
 
-Session::Session(const Options& opts, std::string host)
-    : opts_(opts), host_(std::move(host)), port_(std::to_string(opts.port)) {
-  setTarget(host_, opts_.port);
+Session::Session(const Options& opts) : opts_(opts), entries_(opts.entries) {
+  if (entries_.empty()) {
+    entries_.push_back({"127.0.0.1", std::to_string(opts.port)});
+  }
+  // With one entry node there is nothing to choose.
+  chosen_ = entries_.size() == 1;
+  use(entries_.front());
+}
+
+Session::Session(const Options& opts, std::string host, int port)
+    : opts_(opts), entries_{{std::move(host), std::to_string(port)}} {
+  chosen_ = true;
+  use(entries_.front());
+}
+
+void Session::use(const tovtools::Endpoint& e) {
+  host_ = e.host;
+  port_ = e.port;
+  setTarget(host_, portNumber());
+}
+
+int Session::portNumber() const { return tovUtils::stringToInt(port_); }
+
+namespace {
+
+// Failures that leave before the request did: no address, no connection,
+// no salt.
+bool beforeSending(int result) {
+  switch (codeOf(result)) {
+    case tov1::TOV_SOCK_RESOLVE_HOST:
+    case tov1::TOV_SOCK_CREATE:
+    case tov1::TOV_SOCK_SETOPT:
+    case tov1::TOV_SOCK_CONNECT:
+    case tov1::TOV_SOCK_GETOPTS:
+    case tov1::TOV_SOCK_TIMEOUT:
+    case tov1::TOV_SOCK_SELECT:
+    case tov1::TOV_COMMS_SALT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string failureText(int result) {
+  const int code = codeOf(result);
+  const std::string name = codeName(code);
+  return codeText(code) + " (" + (name.empty() ? "-" : name) + ", code " +
+         std::to_string(code) + ")";
+}
+
+}  // namespace
+
+int Session::firstAnswering(const std::string& what, HandOver rule,
+                            const std::function<int()>& call) {
+  if (chosen_) return bounded(what, label(), call);
+  const std::size_t n = entries_.size();
+  for (std::size_t i = 0;; ++i) {
+    use(entries_[i]);
+    const bool last = i + 1 == n;
+    // A request that may change something is handed over only when it never
+    // left: the library's own timeout bounds that, so it needs no share.
+    const double share = last || rule == HandOver::BeforeSending
+                             ? 0
+                             : tovtools::entryShare(deadline(), n - i, 0);
+    tovtools::Deadline part(share);
+    int rc = 0;
+    {
+      tovtools::Deadline::Guard guard(part);
+      rc = withinDeadline(call);
+    }
+    checkDeadline(what, label(), rc);
+    const bool handOver =
+        rc != 0 && (rule == HandOver::AnyFailure ? true : beforeSending(rc));
+    if (last || !handOver) {
+      chosen_ = true;
+      if (rc == 0 && !skipped_.empty()) {
+        warn("entry node " + skipped() + " did not answer; " + label() +
+             " did");
+      }
+      return rc;
+    }
+    skipped_.push_back(label() + " (" +
+                       (part.expired()
+                            ? "no answer within its share of the deadline, " +
+                                  tovtools::secondsText(share) + " s"
+                            : failureText(rc)) +
+                       ")");
+  }
+}
+
+std::string Session::skipped() const {
+  std::string out;
+  for (const std::string& s : skipped_) out += (out.empty() ? "" : ", ") + s;
+  return out;
 }
 
 std::string hostPortLabel(const std::string& host, const std::string& port) {
@@ -129,10 +266,16 @@ std::string hostPortLabel(const std::string& host, const std::string& port) {
 std::string Session::label() const { return hostPortLabel(host_, port_); }
 
 void Session::refreshCache(bool force, const std::string& doing) {
-  const int rc = bounded(doing, label(), [&] {
+  const int rc = firstAnswering(doing, HandOver::AnyFailure, [&] {
     return tov1::tovCache.refreshCache(host_, port_, force);
   });
-  if (rc != 0) failWith(doing, rc);
+  if (rc != 0) failWith(doing, rc, skippedDetail());
+}
+
+std::string Session::skippedDetail() const {
+  return skipped_.empty()
+             ? ""
+             : "entry node " + skipped() + " did not answer either";
 }
 
 std::vector<ServiceRecord> Session::services() const {
@@ -222,7 +365,7 @@ int Session::request(const std::string& line,
                      Reply& reply, const std::string& what) {
   for (unsigned attempt = 0; attempt < attempts; ++attempt) {
     char* buffer = nullptr;
-    const int rc = bounded(what, label(), [&] {
+    const int rc = firstAnswering(what, HandOver::BeforeSending, [&] {
       return tov1::tovNet.tovcomms(buffer, host_, port_, line, auth, "");
     });
     const std::string text = buffer != nullptr ? buffer : "";
@@ -274,6 +417,16 @@ Reply parseReply(const std::string& text) {
     }
   }
   return r;
+}
+
+std::string entriesLabel(const Options& o, const Session& s) {
+  if (o.entries.size() < 2 || s.entryCount() < 2) return s.label();
+  std::string out = "any of ";
+  for (std::size_t i = 0; i < o.entries.size(); ++i) {
+    out +=
+        (i ? ", " : "") + hostPortLabel(o.entries[i].host, o.entries[i].port);
+  }
+  return out;
 }
 
 std::string describe(const ServiceRef& s) {

@@ -4,6 +4,7 @@
 #ifndef TOOLS_TOVCTL_SESSION_H
 #define TOOLS_TOVCTL_SESSION_H
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <sstream>
@@ -13,12 +14,17 @@
 #include <vector>
 
 #include "common/deadline.h"
+#include "common/snapshot.h"
 
 namespace tovctl {
 
 struct Options {
-  std::string host = "127.0.0.1";
+  // The entry nodes as given (-H, repeatable): "host", "host:port", "[v6]"
+  // or "[v6]:port"; tried in order.
+  std::vector<std::string> hosts{"127.0.0.1"};
   int port = 1195;
+  // The same with their ports, once the command line has been read.
+  std::vector<tovtools::Endpoint> entries;
   double timeout = 3.0;
   double deadline = 30.0;
   bool ipv4 = false;
@@ -78,6 +84,10 @@ class QuietLibrary {
   StreamCapture capture_;
 };
 
+// Applies the global options: colour, JSON, the entry nodes, the library's
+// settings and the command's deadline. A usage error ends the program.
+void applyGlobals(Options& o);
+
 // The command's deadline (--deadline); its clock starts with the first
 // bounded call.
 void setDeadline(double seconds);
@@ -123,20 +133,51 @@ struct Reply {
   int status = 0;                  // what the reply decoder makes of it
 };
 
+// Which failures of an entry node hand the command over to the next one.
+enum class HandOver {
+  // Any failure: the request only reads, asking again elsewhere is safe.
+  AnyFailure,
+  // Only a failure before the request left (no connection, no salt): a
+  // request that may change something is never sent twice.
+  BeforeSending,
+};
+
 class Session {
  public:
-  explicit Session(const Options& opts, std::string host);
+  // A session with the first of the entry nodes (-H) that answers.
+  explicit Session(const Options& opts);
+  // A session with this daemon alone.
+  Session(const Options& opts, std::string host, int port);
 
   const Options& options() const { return opts_; }
   const std::string& host() const { return host_; }
   const std::string& port() const { return port_; }
+  int portNumber() const;
+  std::size_t entryCount() const { return entries_.size(); }
   // host:port, with brackets around an IPv6 address.
   std::string label() const;
 
   // Fetches the daemon's information reply into the library's cache. The
   // service commands need it: the library checks the service number against
   // the cache entry of the address, whatever port that entry came from.
+  // Until an entry node has answered, the entry nodes are asked in turn.
   void refreshCache(bool force, const std::string& doing);
+
+  // Runs a library call against the daemon. Until an entry node has
+  // answered, the call goes to each entry node in turn, each but the last
+  // within its share of the deadline (tovtools::entryShare), until one
+  // gives a result that `rule` does not hand over; that node is the
+  // session's daemon from then on. The command's deadline ends the program
+  // as bounded() does.
+  int firstAnswering(const std::string& what, HandOver rule,
+                     const std::function<int()>& call);
+
+  // The entry nodes that did not answer before this one, for messages:
+  // "a:1195 (cannot connect ...)" joined by ", "; "" when none.
+  std::string skipped() const;
+  // "entry node ... did not answer either", for the detail of a failure;
+  // "" when none was skipped.
+  std::string skippedDetail() const;
 
   // The service records of the cached information reply.
   std::vector<ServiceRecord> services() const;
@@ -158,7 +199,12 @@ class Session {
               unsigned attempts, Reply& reply, const std::string& what);
 
  private:
+  void use(const tovtools::Endpoint& e);
+
   Options opts_;
+  std::vector<tovtools::Endpoint> entries_;
+  bool chosen_ = false;  // an entry node has answered, or there is one
+  std::vector<std::string> skipped_;
   std::string host_;
   std::string port_;
   bool haveAuth_ = false;
@@ -166,6 +212,11 @@ class Session {
 };
 
 Reply parseReply(const std::string& text);
+
+// The daemon a command addresses, for messages: "a:1195" with one entry
+// node, "any of a:1195, b:1195" with several (the session's own when it was
+// given one host).
+std::string entriesLabel(const Options& o, const Session& s);
 
 // host:port, with brackets around an IPv6 address.
 std::string hostPortLabel(const std::string& host, const std::string& port);

@@ -43,11 +43,7 @@ std::string fixed(double seconds, int digits) {
   return buf;
 }
 
-// A service that should run and does not: broken, or not running although
-// the daemon is to keep it running.
-bool serviceProblem(const ServiceStatus& v) {
-  return v.state == "broken" || (v.state != "running" && v.mode == "auto");
-}
+using tovtools::serviceProblem;
 
 // Adds a table's lines: the heading, then one line per row with its tone
 // and whether it changed. Changed rows are marked in a column of their own
@@ -119,24 +115,6 @@ std::string painted(const ScreenLine& l, bool colour) {
   return std::string("\033[") + sgr + "m" + l.text + "\033[0m";
 }
 
-// The nodes and services worth naming in the check's long output.
-std::vector<std::string> problemLines(const Snapshot& s) {
-  std::vector<std::string> out;
-  for (const NodeStatus& n : s.nodes) {
-    if (!n.answers) {
-      out.push_back("node " + n.name + " (" + n.address +
-                    ") is silent: " + n.reason);
-    }
-  }
-  for (const ServiceStatus& v : s.services) {
-    if (v.state != "running") {
-      out.push_back("service " + std::to_string(v.index) + " (" + v.name +
-                    ") is " + v.state + (v.blocked ? ", blocked" : ""));
-    }
-  }
-  return out;
-}
-
 }  // namespace
 
 std::vector<ScreenLine> statusScreen(const Snapshot& now,
@@ -151,10 +129,13 @@ std::vector<ScreenLine> statusScreen(const Snapshot& now,
                      " byte(s) modified " + localTime(c.lastModified) +
                      "; daemon started " + localTime(c.startTime),
                  Tone::Plain, false});
-  out.push_back({shown("Taken " + localTime(now.takenAt) + " through " +
-                       hostPortLabel(now.host, now.port) + " in " +
-                       fixed(now.seconds, 2) + " s"),
-                 Tone::Plain, false});
+  const std::string skipped = entriesSkipped(now);
+  out.push_back(
+      {shown("Taken " + localTime(now.takenAt) + " through " +
+             hostPortLabel(now.host, now.port) + " in " +
+             fixed(now.seconds, 2) + " s" +
+             (skipped.empty() ? "" : " (did not answer: " + skipped + ")")),
+       Tone::Plain, false});
   out.push_back({"", Tone::Plain, false});
 
   const bool marks = before != nullptr;
@@ -199,20 +180,32 @@ std::vector<ScreenLine> statusScreen(const Snapshot& now,
 
 tovtools::Snapshot snapshotOf(const Options& o,
                               const std::function<void()>& overrun) {
-  Session session(o, o.host);
   tovtools::Deadline deadline(o.deadline);
   // A name lookup that no signal ends still ends the program.
   deadline.onOverrun(std::chrono::milliseconds(500), overrun);
   tovtools::SnapshotOptions so;
-  so.host = session.host();
-  so.port = session.port();
+  so.entries = o.entries;
+  if (so.entries.empty()) so.entries.push_back({"127.0.0.1", "1195"});
   QuietLibrary quiet;
   return tovtools::takeSnapshot(so, deadline);
 }
 
+std::string entriesSkipped(const Snapshot& s) {
+  std::string out;
+  for (std::size_t i = 0; i + 1 < s.entries.size(); ++i) {
+    const tovtools::EntryAttempt& a = s.entries[i];
+    out += (out.empty() ? "" : ", ") + hostPortLabel(a.host, a.port) + " (" +
+           a.reason() + ")";
+  }
+  return out;
+}
+
 tovtools::Snapshot snapshotOf(const Options& o) {
   const std::string what =
-      "status of " + hostPortLabel(o.host, std::to_string(o.port));
+      "status of " +
+      (o.entries.empty()
+           ? std::string("127.0.0.1:1195")
+           : hostPortLabel(o.entries.front().host, o.entries.front().port));
   const double seconds = o.deadline;
   return snapshotOf(o, [what, seconds] {
     std::_Exit(reportDeadline(
@@ -227,11 +220,15 @@ int cmdStatus(const Options& o, const StatusOptions& st) {
   const Snapshot snap = snapshotOf(o);
   const std::string label = hostPortLabel(snap.host, snap.port);
   const std::string what = "status of the cluster through " + label;
+  const std::string skipped = entriesSkipped(snap);
+  const std::string note =
+      skipped.empty() ? "" : "entry node " + skipped + " did not answer either";
   if (snap.expired) {
     return reportDeadline(what, o.deadline,
-                          "awaiting the cluster information from " + label);
+                          "awaiting the cluster information from " + label +
+                              (note.empty() ? "" : "; " + note));
   }
-  if (snap.code != 0) return reportFailure(what, snap.code);
+  if (snap.code != 0) return reportFailure(what, snap.code, note);
   if (o.json) {
     std::cout << tovtools::jsonText(tovtools::snapshotJson(snap)) << std::endl;
     return kExitOk;
@@ -242,147 +239,6 @@ int cmdStatus(const Options& o, const StatusOptions& st) {
   }
   std::cout.flush();
   return kExitOk;
-}
-
-// ---- check --------------------------------------------------------------
-
-namespace {
-
-constexpr int kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3;
-const char* const kStateWords[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
-
-[[noreturn]] void checkExit(int state, const std::string& text) {
-  std::cout << "TOVCLUSTER " << kStateWords[state] << " - " << text
-            << std::endl;
-  throw ExitNow{state};
-}
-
-}  // namespace
-
-bool CheckRange::parse(const std::string& given, CheckRange& r,
-                       std::string& why) {
-  r = CheckRange{};
-  r.text = given;
-  std::string t = given;
-  if (!t.empty() && t[0] == '@') {
-    r.inside = true;
-    t.erase(0, 1);
-  }
-  auto value = [&why](const std::string& s, double& out) {
-    char* end = nullptr;
-    out = std::strtod(s.c_str(), &end);
-    if (s.empty() || *end != '\0' || !std::isfinite(out)) {
-      why = "\"" + s + "\" is not a number";
-      return false;
-    }
-    return true;
-  };
-  const std::size_t colon = t.find(':');
-  const std::string start =
-      colon == std::string::npos ? "" : t.substr(0, colon);
-  const std::string end = colon == std::string::npos ? t : t.substr(colon + 1);
-  if (t.empty() || given == "@") {
-    why = "empty range";
-    return false;
-  }
-  if (start == "~") {
-    r.low = -std::numeric_limits<double>::infinity();
-  } else if (!start.empty() && !value(start, r.low)) {
-    return false;
-  }
-  if (colon != std::string::npos && end.empty()) {
-    r.high = std::numeric_limits<double>::infinity();
-  } else if (!value(end, r.high)) {
-    return false;
-  }
-  if (r.low > r.high) {
-    why = "the start of \"" + given + "\" is above its end";
-    return false;
-  }
-  return true;
-}
-
-bool CheckRange::alerts(double v) const {
-  const bool within = v >= low && v <= high;
-  return inside ? within : !within;
-}
-
-int cmdCheck(const Options& o, const CheckOptions& c) {
-  const Snapshot snap = snapshotOf(o, [&o] {
-    std::cout << "TOVCLUSTER UNKNOWN - deadline of "
-              << tovtools::secondsText(o.deadline)
-              << " s expired: the library was blocked in a call that did not "
-                 "give up (a name lookup?)"
-              << std::endl;
-    std::_Exit(kUnknown);
-  });
-  const std::string label = hostPortLabel(snap.host, snap.port);
-  if (snap.expired || snap.cut) {
-    checkExit(kUnknown, "deadline of " + tovtools::secondsText(o.deadline) +
-                            " s expired while " +
-                            (snap.expired ? "awaiting the cluster information "
-                                            "from " +
-                                                label
-                                          : "probing the nodes"));
-  }
-  if (snap.code != 0) {
-    checkExit(kCritical, "cannot reach the cluster through " + label + ": " +
-                             codeText(snap.code) + " (" + codeName(snap.code) +
-                             ")");
-  }
-  const tovtools::SnapshotCounts n = tovtools::countsOf(snap);
-  int state = kOk;
-  auto judge = [&state](double v, const CheckRange* warn,
-                        const CheckRange* crit) {
-    if (crit != nullptr && crit->alerts(v)) {
-      state = std::max(state, kCritical);
-    } else if (warn != nullptr && warn->alerts(v)) {
-      state = std::max(state, kWarning);
-    }
-  };
-  judge(n.silent, c.warnSilent ? &*c.warnSilent : nullptr,
-        c.critSilent ? &*c.critSilent : nullptr);
-  judge(n.notRunning(), c.warnDown ? &*c.warnDown : nullptr,
-        c.critDown ? &*c.critDown : nullptr);
-
-  // Performance data: 'label'=value[UOM];[warn];[crit];[min];[max]
-  auto range = [](const std::optional<CheckRange>& r) {
-    return r ? r->text : std::string();
-  };
-  auto perf = [](const std::string& name, unsigned v, unsigned max,
-                 const std::string& w = "", const std::string& cr = "") {
-    return name + "=" + std::to_string(v) + ";" + w + ";" + cr + ";0;" +
-           std::to_string(max);
-  };
-  const std::string data =
-      perf("nodes_answering", n.answering, n.nodes) + " " +
-      perf("nodes_silent", n.silent, n.nodes, range(c.warnSilent),
-           range(c.critSilent)) +
-      " " + perf("services_running", n.running, n.services) + " " +
-      perf("services_not_running", n.notRunning(), n.services,
-           range(c.warnDown), range(c.critDown)) +
-      " " + perf("services_stopped", n.stopped, n.services) + " " +
-      perf("services_blocked", n.blocked, n.services) + " " +
-      perf("services_broken", n.broken, n.services) +
-      " time=" + fixed(snap.seconds, 3) + "s;;;0;" +
-      (o.deadline > 0 ? tovtools::secondsText(o.deadline) : "");
-  // Daemon text goes on one line whatever it holds; '|' would start the
-  // performance data early.
-  std::string name = tovtools::escapeControls(snap.cluster.name, false);
-  for (char& ch : name) {
-    if (ch == '|') ch = '/';
-  }
-  std::cout << "TOVCLUSTER " << kStateWords[state] << " - cluster " << name
-            << ": " << tovtools::summaryText(n) << " | " << data << '\n';
-  for (std::string line : problemLines(snap)) {
-    line = tovtools::escapeControls(line, false);
-    for (char& ch : line) {
-      if (ch == '|') ch = '/';
-    }
-    std::cout << line << '\n';
-  }
-  std::cout.flush();
-  return state;
 }
 
 }  // namespace tovctl

@@ -1,10 +1,9 @@
-// The cluster at a glance: `status` (one snapshot as a screen or as JSON),
-// its live view (`status --watch`) and `check` for monitoring systems.
+// The cluster at a glance: `status` (one snapshot as a screen or as JSON)
+// and its live view (`status --watch`).
 #ifndef TOOLS_TOVCTL_STATUS_H
 #define TOOLS_TOVCTL_STATUS_H
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +34,11 @@ tovtools::Snapshot snapshotOf(const Options& o,
                               const std::function<void()>& overrun);
 tovtools::Snapshot snapshotOf(const Options& o);
 
+// The entry nodes asked before the one that answered (or before the last
+// one asked), each with why it did not answer: "a:1195 (cannot connect)";
+// "" when the first answered.
+std::string entriesSkipped(const tovtools::Snapshot& s);
+
 struct StatusOptions {
   bool watch = false;
   double interval = 0;  // 0: the cluster's poll time
@@ -45,25 +49,6 @@ int cmdStatus(const Options& o, const StatusOptions& s);
 
 // The live view; cmdStatus hands over to it for --watch.
 int watchStatus(const Options& o, const StatusOptions& s);
-
-// A threshold in the Monitoring Plugins range syntax: "10" (alert outside
-// 0..10), "10:" (below 10), "~:10" (above 10), "10:20", "@10:20" (alert
-// inside).
-struct CheckRange {
-  std::string text;
-  bool inside = false;
-  double low = 0;
-  double high = 0;
-  static bool parse(const std::string& text, CheckRange& out, std::string& why);
-  bool alerts(double value) const;
-};
-
-// Thresholds for silent nodes and for services not running.
-struct CheckOptions {
-  std::optional<CheckRange> warnSilent, critSilent, warnDown, critDown;
-};
-
-int cmdCheck(const Options& o, const CheckOptions& c);
 
 }  // namespace tovctl
 
