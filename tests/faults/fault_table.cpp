@@ -1,7 +1,5 @@
 #include "fault_table.h"
 
-#include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,6 +9,7 @@
 #include <regex>
 #include <utility>
 
+#include "netns/netns_lab.h"
 #include "support/net_helpers.h"
 #include "tovapi/libtovapi.h"
 
@@ -203,24 +202,17 @@ std::string onTarget(const Fault& f,
     sim->stop();
     EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
   } else {
-    // This thread alone moves into a namespace of its own, and back after.
-    const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    const bool moved =
-        geteuid() == 0 && home >= 0 && unshare(CLONE_NEWNET) == 0;
-    const bool ready =
-        moved && std::system(
-                     "ip link set lo up && ip link add tvf0 type veth "
-                     "peer name tvf1 && ip addr add 198.18.0.1/24 dev "
-                     "tvf0 && ip link set tvf0 up") == 0;
-    if (ready) {
-      observe(f, f.target == Target::NoRoute ? "198.18.9.2" : "198.18.0.2",
+    netnstest::PrivateNetwork net;
+    if (net.ready()) {
+      observe(f,
+              f.target == Target::NoRoute
+                  ? netnstest::PrivateNetwork::kNoRoute
+                  : netnstest::PrivateNetwork::kBlackhole,
               "1195");
     }
-    if (moved) {
-      EXPECT_EQ(setns(home, CLONE_NEWNET), 0) << "still in the namespace";
-    }
-    if (home >= 0) close(home);
-    if (!ready) return "a private network namespace needs root and iproute2";
+    EXPECT_TRUE(net.leave()) << "still in the namespace";
+    if (!net.ready())
+      return "a private network namespace needs root and iproute2";
   }
   return "";
 }

@@ -134,4 +134,23 @@ Outcome runIsolated(const std::vector<std::string>& setup,
       fn, limitSec);
 }
 
+PrivateNetwork::PrivateNetwork()
+    : home_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC)) {
+  moved_ = geteuid() == 0 && home_ >= 0 && unshare(CLONE_NEWNET) == 0;
+  ready_ = moved_ && shell(
+                         "ip link set lo up && ip link add tvf0 type veth "
+                         "peer name tvf1 && ip addr add 198.18.0.1/24 dev "
+                         "tvf0 && ip link set tvf0 up");
+}
+
+PrivateNetwork::~PrivateNetwork() { leave(); }
+
+bool PrivateNetwork::leave() {
+  const bool home = !moved_ || setns(home_, CLONE_NEWNET) == 0;
+  moved_ = false;
+  if (home_ >= 0) close(home_);
+  home_ = -1;
+  return home;
+}
+
 }  // namespace netnstest

@@ -43,6 +43,32 @@ class NetnsLab {
   std::vector<pid_t> children_;
 };
 
+// Moves the calling thread alone into a fresh network namespace with
+// loopback up and 198.18.0.1/24 on a veth whose peer is down: there
+// kBlackhole never answers (a connection waits out its timeout) and kNoRoute
+// has no route. Processes the thread starts meanwhile live in that network.
+// The thread goes back home when the object goes.
+class PrivateNetwork {
+ public:
+  static constexpr const char* kBlackhole = "198.18.0.2";
+  static constexpr const char* kNoRoute = "198.18.9.2";
+
+  PrivateNetwork();
+  ~PrivateNetwork();
+  PrivateNetwork(const PrivateNetwork&) = delete;
+  PrivateNetwork& operator=(const PrivateNetwork&) = delete;
+
+  // False where it needs root and iproute2 that are not there.
+  bool ready() const { return ready_; }
+  // False when the thread could not go back home.
+  bool leave();
+
+ private:
+  int home_ = -1;
+  bool moved_ = false;
+  bool ready_ = false;
+};
+
 // Runs fn in a child process inside a fresh, unnamed namespace, after the
 // setup commands (ip arguments, one per entry). Status 77: no namespace.
 Outcome runIsolated(const std::vector<std::string>& setup,
