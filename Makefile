@@ -84,7 +84,8 @@ bench: deps
 # committed corpus. FUZZ_ARGS is passed on to every target.
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS := fuzz_sim_frame fuzz_info_reply fuzz_reply_decoder fuzz_discovery
+FUZZ_TARGETS := fuzz_sim_frame fuzz_info_reply fuzz_reply_decoder fuzz_discovery \
+                fuzz_clusters
 FUZZ_ENV      = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 FUZZ_CONFIGURE = CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G $(GENERATOR) \
