@@ -64,7 +64,7 @@ clean:
 # Benchmarks, in an optimised build directory of their own; never part of
 # `make test`. BENCH_ARGS is passed on, e.g. BENCH_ARGS=--quick for a smoke
 # run or BENCH_ARGS=--benchmark_filter=reply; the namespace benchmark
-# (snapshot_blackhole, over a minute, skipped without root) only heeds
+# (snapshot_large, about three minutes, skipped without root) only heeds
 # --quick.
 BENCH_BUILD ?= build-bench
 .PHONY: bench
@@ -72,10 +72,10 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD) -G $(GENERATOR) -DCMAKE_BUILD_TYPE=Release \
 	  -DTOVAPI_BENCH=ON $(CMAKE_ARGS)
 	cmake --build $(BENCH_BUILD) -j $(JOBS) --target tovapi_bench \
-	  discovery_burst snapshot_blackhole
+	  discovery_burst snapshot_large
 	$(BENCH_BUILD)/bench/discovery_burst
 	$(BENCH_BUILD)/bench/tovapi_bench $(BENCH_ARGS)
-	$(BENCH_BUILD)/bench/snapshot_blackhole $(filter --quick,$(BENCH_ARGS))
+	$(BENCH_BUILD)/bench/snapshot_large $(filter --quick,$(BENCH_ARGS))
 
 # libFuzzer (clang, ASan + UBSan) in a build directory of its own; never part
 # of `make test`. `fuzz` runs each target FUZZ_SECONDS on a scratch copy of
