@@ -492,13 +492,22 @@ int Server::waitFd(int fd, short events, Clock::time_point deadline) {
   return -1;
 }
 
-bool Server::pause(int ms) {
+bool Server::pause(int ms, int fd) {
   const auto until = Clock::now() + std::chrono::milliseconds(ms);
   while (!abort_) {
     const auto left = until - Clock::now();
     if (left <= Clock::duration::zero()) return true;
-    std::this_thread::sleep_for(
-        std::min<Clock::duration>(left, std::chrono::milliseconds(kSliceMs)));
+    const auto slice =
+        std::min<Clock::duration>(left, std::chrono::milliseconds(kSliceMs));
+    // A client that has gone away frees its thread at once: a daemon that
+    // stalls must not stall the next client as well.
+    pollfd p{fd, POLLRDHUP, 0};
+    const int waitMs = static_cast<int>(
+        std::chrono::ceil<std::chrono::milliseconds>(slice).count());
+    if (poll(&p, 1, waitMs) > 0 &&
+        (p.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+      return false;
+    }
   }
   return false;
 }
@@ -584,7 +593,7 @@ void Server::serve(int fd, std::size_t idx, const std::string& peer) {
     TOVSIM_LOG(1, peer << ": closing without a salt (fault)");
     return;
   }
-  if (f.lateSaltMs > 0 && !pause(f.lateSaltMs)) return;
+  if (f.lateSaltMs > 0 && !pause(f.lateSaltMs, fd)) return;
 
   std::string salt;
   try {
@@ -621,7 +630,7 @@ void Server::serve(int fd, std::size_t idx, const std::string& peer) {
   std::string wire = out.text;
   if (faulty && f.padTo > 0) wire = padReply(wire, f.padTo);
   wire += '\0';
-  if (faulty && f.replyDelayMs > 0 && !pause(f.replyDelayMs)) return;
+  if (faulty && f.replyDelayMs > 0 && !pause(f.replyDelayMs, fd)) return;
 
   std::size_t limit = wire.size();
   bool reset = false;
@@ -636,7 +645,7 @@ void Server::serve(int fd, std::size_t idx, const std::string& peer) {
                                 : limit;
   bool ok = true;
   for (std::size_t off = 0; ok && off < limit; off += piece) {
-    if (off > 0 && faulty && f.chunkPauseMs > 0 && !pause(f.chunkPauseMs)) {
+    if (off > 0 && faulty && f.chunkPauseMs > 0 && !pause(f.chunkPauseMs, fd)) {
       return;
     }
     ok = writeAll(fd, wire.data() + off, std::min(piece, limit - off));

@@ -75,7 +75,7 @@ class Server {
   bool readFrame(int fd, const std::string& peer, std::string& content);
   bool writeAll(int fd, const char* p, std::size_t n);
   int waitFd(int fd, short events, Clock::time_point deadline);
-  bool pause(int ms);
+  bool pause(int ms, int fd);
   void wake();
   void reap(bool all);
 
