@@ -3,16 +3,20 @@
 #ifndef TOOLS_TOVCTL_CHECK_H
 #define TOOLS_TOVCTL_CHECK_H
 
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "session.h"
+
+namespace CLI {
+class App;
+}
 
 namespace tovctl {
 
 // A threshold in the Monitoring Plugins range syntax: "10" (alert outside
 // 0..10), "10:" (below 10), "~:10" (above 10), "10:20", "@10:20" (alert
-// inside).
+// inside), "~:" (never).
 struct CheckRange {
   std::string text;
   bool inside = false;
@@ -22,19 +26,25 @@ struct CheckRange {
   bool alerts(double value) const;
 };
 
-// Thresholds for silent nodes and for services not running.
-struct CheckOptions {
-  std::optional<CheckRange> warnSilent, critSilent, warnDown, critDown;
+// The check's command line as read, before it is checked.
+struct CheckArgs {
+  std::string warning;              // SILENT[,DOWN[,BROKEN]]
+  std::string critical;             // the same
+  std::vector<std::string> ignore;  // --ignore-service, as given
+  bool autoOnly = false;
+  int verbose = 0;  // -v repeated, or --verbose=N
 };
 
-int cmdCheck(const Options& o, const CheckOptions& c);
+// Adds the `check` subcommand and its options to `app`; they are read into
+// `args`.
+CLI::App* addCheck(CLI::App& app, CheckArgs& args);
 
 // The check as the command line gives it: runs it (the global options
 // applied here, so that even their errors end as UNKNOWN) and returns 0-3.
-int runCheck(Options& o, bool deadlineGiven, const std::string& warning,
-             const std::string& critical);
+int runCheck(Options& o, bool deadlineGiven, const CheckArgs& args);
 
-// "TOVCLUSTER UNKNOWN - <message>" on standard output; returns 3.
+// "TOVCLUSTER UNKNOWN - <message>" on standard output, its first line only;
+// returns 3.
 int checkUnknown(const std::string& message);
 
 }  // namespace tovctl
