@@ -8,7 +8,7 @@ packages=(
   libclang-rt-14-dev libssl-dev libgtest-dev libgmock-dev googletest
   libbenchmark-dev libcli11-dev nlohmann-json3-dev libncurses-dev
   libcpp-httplib-dev libtomlplusplus-dev prometheus curl iproute2 gcovr
-  valgrind
+  valgrind tmux
 )
 
 missing=()

@@ -120,8 +120,9 @@ struct ProbeResult {
 };
 
 // A probe worker: a process of its own, kept between snapshots so that a
-// tool taking one snapshot after another (a live view, an exporter) pays
-// for the processes once. Requests go down one pipe, results come up the
+// process taking one snapshot after another (the exporter) pays for the
+// processes once; the live view takes each snapshot in a child of its own,
+// whose workers end with it. Requests go down one pipe, results come up the
 // other. A worker that overruns its probe is killed, never reused.
 struct Worker {
   pid_t pid = -1;
@@ -613,7 +614,8 @@ nlohmann::json snapshotJson(const Snapshot& s) {
                         {"state", v.state},
                         {"mode", v.mode},
                         {"blocked", v.blocked},
-                        {"node", v.node}});
+                        {"node", v.node},
+                        {"problem", serviceProblem(v)}});
   }
   json entries = json::array();
   for (const EntryAttempt& a : s.entries) {
@@ -622,7 +624,7 @@ nlohmann::json snapshotJson(const Snapshot& s) {
                        {"answered", a.answered()},
                        {"code", a.code},
                        {"expired", a.expired},
-                       {"share", a.share},
+                       {"share", std::round(a.share * 1000) / 1000},
                        {"seconds", a.seconds},
                        {"reason", a.reason()}});
   }

@@ -46,23 +46,21 @@ std::string fixed(double seconds, int digits) {
 using tovtools::serviceProblem;
 
 // Adds a table's lines: the heading, then one line per row with its tone
-// and whether it changed. Changed rows are marked in a column of their own
-// when there is an earlier snapshot to compare with.
+// and whether it changed. The first column marks changed rows; it is there
+// (blank) without an earlier snapshot too, so that columns never shift.
 void addTable(std::vector<ScreenLine>& out, Row heading,
               const std::vector<Row>& rows, const std::vector<Tone>& tones,
-              const std::vector<bool>& changed, bool marks) {
+              const std::vector<bool>& changed) {
   std::vector<Row> all{heading};
   all.insert(all.end(), rows.begin(), rows.end());
-  if (marks) {
-    all[0].insert(all[0].begin(), " ");
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-      all[i + 1].insert(all[i + 1].begin(), changed[i] ? "*" : " ");
-    }
+  all[0].insert(all[0].begin(), " ");
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    all[i + 1].insert(all[i + 1].begin(), changed[i] ? "*" : " ");
   }
   const std::vector<std::string> lines = tableLines(all);
   out.push_back({lines[0], Tone::Heading, false});
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    out.push_back({lines[i + 1], tones[i], marks && changed[i]});
+    out.push_back({lines[i + 1], tones[i], changed[i]});
   }
 }
 
@@ -115,10 +113,7 @@ std::string painted(const ScreenLine& l, bool colour) {
   return std::string("\033[") + sgr + "m" + l.text + "\033[0m";
 }
 
-}  // namespace
-
-std::vector<ScreenLine> statusScreen(const Snapshot& now,
-                                     const Snapshot* before) {
+std::vector<ScreenLine> clusterLines(const Snapshot& now) {
   const tovtools::ClusterRecord& c = now.cluster;
   std::vector<ScreenLine> out;
   std::string head = "Cluster " + c.name;
@@ -136,46 +131,79 @@ std::vector<ScreenLine> statusScreen(const Snapshot& now,
              fixed(now.seconds, 2) + " s" +
              (skipped.empty() ? "" : " (did not answer: " + skipped + ")")),
        Tone::Plain, false});
-  out.push_back({"", Tone::Plain, false});
+  return out;
+}
 
-  const bool marks = before != nullptr;
+void addServices(std::vector<ScreenLine>& out, const Snapshot& now,
+                 const Snapshot* before, const std::vector<std::size_t>& at) {
+  const std::vector<bool> changed = changesOf(
+      now.services, before ? &before->services : nullptr,
+      [](const ServiceStatus& v) { return v.index; }, sameService);
   std::vector<Row> rows;
   std::vector<Tone> tones;
-  for (const NodeStatus& n : now.nodes) {
-    rows.push_back({n.name, n.address, n.answers ? "answering" : "silent",
-                    fixed(n.seconds, 3) + " s", n.reason});
-    tones.push_back(n.answers ? Tone::Plain : Tone::Problem);
-  }
-  addTable(out, {"NODE", "ADDRESS", "STATE", "PROBE", "DETAIL"}, rows, tones,
-           changesOf(
-               now.nodes, before ? &before->nodes : nullptr,
-               [](const NodeStatus& n) { return n.name; }, sameNode),
-           marks);
-  out.push_back({"", Tone::Plain, false});
-
-  rows.clear();
-  tones.clear();
-  for (const ServiceStatus& v : now.services) {
+  std::vector<bool> marks;
+  for (const std::size_t i : at) {
+    const ServiceStatus& v = now.services[i];
     rows.push_back({std::to_string(v.index), v.name, v.state, v.mode,
                     v.blocked ? "yes" : "no", v.node.empty() ? "-" : v.node});
     tones.push_back(serviceProblem(v) ? Tone::Problem : Tone::Plain);
+    marks.push_back(changed[i]);
   }
   addTable(out, {"INDEX", "SERVICE", "STATE", "MODE", "BLOCKED", "NODE"}, rows,
-           tones,
-           changesOf(
-               now.services, before ? &before->services : nullptr,
-               [](const ServiceStatus& v) { return v.index; }, sameService),
-           marks);
-  out.push_back({"", Tone::Plain, false});
+           tones, marks);
+}
 
+void addNodes(std::vector<ScreenLine>& out, const Snapshot& now,
+              const Snapshot* before, const std::vector<std::size_t>& at) {
+  const std::vector<bool> changed = changesOf(
+      now.nodes, before ? &before->nodes : nullptr,
+      [](const NodeStatus& n) { return n.name; }, sameNode);
+  std::vector<Row> rows;
+  std::vector<Tone> tones;
+  std::vector<bool> marks;
+  for (const std::size_t i : at) {
+    const NodeStatus& n = now.nodes[i];
+    rows.push_back({n.name, n.address, n.answers ? "answering" : "silent",
+                    fixed(n.seconds, 3) + " s", n.reason});
+    tones.push_back(n.answers ? Tone::Plain : Tone::Problem);
+    marks.push_back(changed[i]);
+  }
+  addTable(out, {"NODE", "ADDRESS", "STATE", "PROBE", "DETAIL"}, rows, tones,
+           marks);
+}
+
+}  // namespace
+
+std::vector<ScreenLine> StatusScreen::lines() const {
+  std::vector<ScreenLine> out = body;
+  out.push_back({"", Tone::Plain, false});
+  out.insert(out.end(), summary.begin(), summary.end());
+  return out;
+}
+
+StatusScreen statusScreen(const Snapshot& now, const Snapshot* before,
+                          const StatusFilter& filter) {
+  StatusScreen screen;
+  screen.body = clusterLines(now);
+  const ShownRows rows = shownRows(now, filter);
+  screen.body.push_back({"", Tone::Plain, false});
+  addServices(screen.body, now, before, rows.services);
+  screen.body.push_back({"", Tone::Plain, false});
+  addNodes(screen.body, now, before, rows.nodes);
+
+  // The summary counts the whole cluster, whatever the filter shows.
   bool trouble = false;
   for (const NodeStatus& n : now.nodes) trouble = trouble || !n.answers;
   for (const ServiceStatus& v : now.services) {
     trouble = trouble || serviceProblem(v);
   }
-  out.push_back({tovtools::summaryText(tovtools::countsOf(now)),
-                 trouble ? Tone::Problem : Tone::Good, false});
-  return out;
+  screen.summary.push_back({tovtools::summaryText(tovtools::countsOf(now)),
+                            trouble ? Tone::Problem : Tone::Good, false});
+  const std::string narrowed = shownText(now, rows, filter);
+  if (!narrowed.empty()) {
+    screen.summary.push_back({shown(narrowed), Tone::Plain, false});
+  }
+  return screen;
 }
 
 tovtools::Snapshot snapshotOf(const Options& o,
@@ -230,11 +258,11 @@ int cmdStatus(const Options& o, const StatusOptions& st) {
   }
   if (snap.code != 0) return reportFailure(what, snap.code, note);
   if (o.json) {
-    std::cout << tovtools::jsonText(tovtools::snapshotJson(snap)) << std::endl;
+    std::cout << tovtools::jsonText(statusJson(snap, st.filter)) << std::endl;
     return kExitOk;
   }
   const bool colour = colourOnStdout(o);
-  for (const ScreenLine& l : statusScreen(snap, nullptr)) {
+  for (const ScreenLine& l : statusScreen(snap, nullptr, st.filter).lines()) {
     std::cout << painted(l, colour) << '\n';
   }
   std::cout.flush();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/snapshot.h"
+#include "filter.h"
 #include "session.h"
 
 namespace tovctl {
@@ -21,11 +22,24 @@ struct ScreenLine {
   bool changed = false;  // differs from the previous snapshot
 };
 
-// The status screen: cluster lines, a table of nodes, a table of services
-// and the summary line. With `before`, the nodes and services that differ
-// from it are marked changed (and a "*" precedes them).
-std::vector<ScreenLine> statusScreen(const tovtools::Snapshot& now,
-                                     const tovtools::Snapshot* before);
+// The status screen of a snapshot, problems first and narrowed by a
+// filter. Every table has a first column that marks with "*" the rows that
+// differ from `before` (blank without it), so that columns never shift.
+struct StatusScreen {
+  // The cluster lines, the service table and the node table, a blank line
+  // between them. The short table comes first: at hundreds of nodes the
+  // services would otherwise be pages away.
+  std::vector<ScreenLine> body;
+  // The summary of the whole cluster, then what a filter shows.
+  std::vector<ScreenLine> summary;
+
+  // As `status` prints it: the body, a blank line, the summary lines.
+  std::vector<ScreenLine> lines() const;
+};
+
+StatusScreen statusScreen(const tovtools::Snapshot& now,
+                          const tovtools::Snapshot* before,
+                          const StatusFilter& filter);
 
 // A snapshot of the cluster that -H names, within a deadline of its own
 // (--deadline). A call that no signal ends (a name lookup) runs `overrun`
@@ -43,6 +57,7 @@ struct StatusOptions {
   bool watch = false;
   double interval = 0;  // 0: the cluster's poll time
   unsigned count = 0;   // snapshots before the live view ends; 0: no limit
+  StatusFilter filter;
 };
 
 int cmdStatus(const Options& o, const StatusOptions& s);

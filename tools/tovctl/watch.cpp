@@ -404,9 +404,10 @@ class Refresh {
 
 // What the view shows: the last good snapshot and the last failure.
 struct State {
+  StatusFilter filter;
   std::optional<Snapshot> good;
-  std::vector<ScreenLine> lines;  // of `good`, against the one before it
-  std::string failure;            // of the last refresh, "" when it was good
+  StatusScreen screen;  // of `good`, against the one before it
+  std::string failure;  // of the last refresh, "" when it was good
   double failedAt = 0;
   int status = kExitOk;  // of the last refresh
   unsigned refreshes = 0;
@@ -415,7 +416,7 @@ struct State {
     ++refreshes;
     status = r.status;
     if (r.failure.empty() && r.snapshot) {
-      lines = statusScreen(*r.snapshot, good ? &*good : nullptr);
+      screen = statusScreen(*r.snapshot, good ? &*good : nullptr, filter);
       good = r.snapshot;
       failure.clear();
     } else {
@@ -455,11 +456,13 @@ class PlainDisplay : public Display {
     if (o_.debug > 0) std::cerr << r.diagnostics << std::flush;
     if (o_.json && r.snapshot) {
       // A failed snapshot too: its code says so.
-      std::cout << tovtools::jsonText(tovtools::snapshotJson(*r.snapshot), -1)
+      std::cout << tovtools::jsonText(statusJson(*r.snapshot, st.filter), -1)
                 << '\n';
     } else if (!o_.json && r.failure.empty()) {
       if (shown_++ > 0) std::cout << '\n';
-      for (const ScreenLine& l : st.lines) std::cout << l.text << '\n';
+      for (const ScreenLine& l : st.screen.lines()) {
+        std::cout << l.text << '\n';
+      }
     }
     std::cout.flush();
     if (!r.failure.empty()) {
@@ -501,7 +504,45 @@ std::size_t fitting(const std::string& text, int columns) {
   return at;
 }
 
-// On a terminal: the screen, redrawn in place.
+// What a key does in the live view.
+enum class Move { None, LineUp, LineDown, PageUp, PageDown, Top, Bottom };
+
+Move moveOf(int key) {
+  switch (key) {
+    case KEY_UP:
+    case 'k':
+      return Move::LineUp;
+    case KEY_DOWN:
+    case 'j':
+      return Move::LineDown;
+    case KEY_PPAGE:
+    case 'b':
+      return Move::PageUp;
+    case KEY_NPAGE:
+    case ' ':
+      return Move::PageDown;
+    case KEY_HOME:
+    case 'g':
+      return Move::Top;
+    case KEY_END:
+    case 'G':
+      return Move::Bottom;
+    default:
+      return Move::None;
+  }
+}
+
+// A line pinned above the scrolling body. When the window is too small for
+// them all, those of the lowest rank stay: the summary goes last.
+struct Pinned {
+  std::string text;
+  attr_t attr;
+  int rank;
+};
+
+// On a terminal: the screen, redrawn in place. The header, the summary and
+// a failure stay at the top, the position and the keys at the bottom; the
+// cluster lines and tables scroll between them.
 class TerminalDisplay : public Display {
  public:
   TerminalDisplay(const Options& o, SCREEN* screen, double interval)
@@ -511,6 +552,9 @@ class TerminalDisplay : public Display {
     nonl();
     curs_set(0);
     nodelay(stdscr, TRUE);
+    keypad(stdscr, TRUE);
+    // A lone Escape need not hold up the keys after it.
+    set_escdelay(25);
     leaveok(stdscr, TRUE);
     if (!o.noColour && std::getenv("NO_COLOR") == nullptr && has_colors() &&
         start_color() == OK) {
@@ -530,9 +574,12 @@ class TerminalDisplay : public Display {
   }
 
   bool keys() override {
+    const std::size_t was = top_;
     for (int ch = wgetch(stdscr); ch != ERR; ch = wgetch(stdscr)) {
       if (ch == 'q' || ch == 'Q') return false;
+      scroll(moveOf(ch));
     }
+    if (top_ != was) draw();
     return true;
   }
 
@@ -558,45 +605,113 @@ class TerminalDisplay : public Display {
     row_ = 0;
     rows_ = getmaxy(stdscr);
     cols_ = getmaxx(stdscr);
-    const std::string every =
-        "every " + tovtools::secondsText(interval_) + " s; q: quit";
-    if (state_ == nullptr || (!state_->good && state_->failure.empty())) {
-      line("waiting for the first snapshot; " + every, A_BOLD);
-    } else if (state_->good) {
-      const Snapshot& s = *state_->good;
-      line("snapshot of " + clockText(s.takenAt) + " took " +
-               tovtools::secondsText(s.seconds) + " s" +
-               (state_->failure.empty() ? "" : " (stale)") + "; " + every,
+    const std::vector<Pinned> top = pinned();
+    // The pinned lines of the lowest ranks that fit.
+    std::vector<int> ranks;
+    for (const Pinned& p : top) ranks.push_back(p.rank);
+    std::sort(ranks.begin(), ranks.end());
+    const std::size_t kept =
+        std::min(ranks.size(), static_cast<std::size_t>(std::max(rows_, 0)));
+    const int cut = kept == 0 ? -1 : ranks[kept - 1];
+    for (const Pinned& p : top) {
+      if (p.rank <= cut) line(p.text, p.attr);
+    }
+    const int left = rows_ - static_cast<int>(kept);
+    const std::vector<ScreenLine>& body = bodyLines();
+    // The position line needs a body line beside it to be of use.
+    const bool footer = body.empty() ? left >= 1 : left >= 2;
+    page_ = body.empty() ? 0 : left - (footer ? 1 : 0);
+    top_ = std::min(top_, lastTop());
+    const std::size_t end =
+        std::min(body.size(), top_ + static_cast<std::size_t>(page_));
+    for (std::size_t i = top_; i < end; ++i) {
+      attr_t a = toneAttr(body[i].tone);
+      if (body[i].changed) a |= A_REVERSE;
+      line(body[i].text, a);
+    }
+    if (footer) {
+      row_ = rows_ - 1;
+      line(body.empty() ? "q: quit"
+                        : "lines " + std::to_string(top_ + 1) + "-" +
+                              std::to_string(end) + " of " +
+                              std::to_string(body.size()) +
+                              "  Up/Down j/k  PgUp/PgDn  Home/End  q: quit",
            A_BOLD);
-    } else {
-      line("no snapshot yet; " + every, A_BOLD);
-    }
-    if (state_ != nullptr && !state_->failure.empty()) {
-      line("refresh at " + clockText(state_->failedAt) +
-               " failed: " + tovtools::escapeControls(state_->failure, false),
-           toneAttr(Tone::Problem));
-    }
-    if (state_ != nullptr && !state_->lines.empty()) {
-      line("", A_NORMAL);
-      const std::vector<ScreenLine>& lines = state_->lines;
-      const std::size_t room = static_cast<std::size_t>(rows_ - row_);
-      const std::size_t fit = lines.size() <= room ? lines.size()
-                              : room > 0           ? room - 1
-                                                   : 0;
-      for (std::size_t i = 0; i < fit; ++i) {
-        attr_t a = toneAttr(lines[i].tone);
-        if (lines[i].changed) a |= A_REVERSE;
-        line(lines[i].text, a);
-      }
-      if (fit < lines.size() && room > 0) {
-        line("... " + std::to_string(lines.size() - fit) + " more lines",
-             A_BOLD);
-      }
     }
     wrefresh(stdscr);
   }
 
  private:
+  // In the order they show: the header, the summary and what a filter
+  // shows, the failure of the last refresh.
+  std::vector<Pinned> pinned() const {
+    const std::string every =
+        "every " + tovtools::secondsText(interval_) + " s";
+    std::vector<Pinned> out;
+    if (state_ == nullptr || (!state_->good && state_->failure.empty())) {
+      out.push_back({"waiting for the first snapshot; " + every, A_BOLD, 2});
+    } else if (state_->good) {
+      const Snapshot& s = *state_->good;
+      out.push_back({"snapshot of " + clockText(s.takenAt) + " took " +
+                         tovtools::secondsText(s.seconds) + " s" +
+                         (state_->failure.empty() ? "" : " (stale)") + "; " +
+                         every,
+                     A_BOLD, 2});
+    } else {
+      out.push_back({"no snapshot yet; " + every, A_BOLD, 2});
+    }
+    if (state_ == nullptr) return out;
+    const std::vector<ScreenLine>& summary = state_->screen.summary;
+    for (std::size_t i = 0; i < summary.size(); ++i) {
+      out.push_back(
+          {summary[i].text, toneAttr(summary[i].tone), i == 0 ? 0 : 3});
+    }
+    if (!state_->failure.empty()) {
+      out.push_back({"refresh at " + clockText(state_->failedAt) + " failed: " +
+                         tovtools::escapeControls(state_->failure, false),
+                     toneAttr(Tone::Problem), 1});
+    }
+    return out;
+  }
+
+  const std::vector<ScreenLine>& bodyLines() const {
+    static const std::vector<ScreenLine> none;
+    return state_ != nullptr ? state_->screen.body : none;
+  }
+
+  // The first body line of the last page.
+  std::size_t lastTop() const {
+    const std::size_t n = bodyLines().size();
+    const std::size_t page = static_cast<std::size_t>(std::max(page_, 1));
+    return n > page ? n - page : 0;
+  }
+
+  void scroll(Move m) {
+    const std::size_t page = static_cast<std::size_t>(std::max(page_, 1));
+    switch (m) {
+      case Move::LineUp:
+        top_ = top_ > 0 ? top_ - 1 : 0;
+        break;
+      case Move::LineDown:
+        top_ = std::min(top_ + 1, lastTop());
+        break;
+      case Move::PageUp:
+        top_ = top_ > page ? top_ - page : 0;
+        break;
+      case Move::PageDown:
+        top_ = std::min(top_ + page, lastTop());
+        break;
+      case Move::Top:
+        top_ = 0;
+        break;
+      case Move::Bottom:
+        top_ = lastTop();
+        break;
+      case Move::None:
+        break;
+    }
+  }
+
   attr_t toneAttr(Tone t) const {
     switch (t) {
       case Tone::Heading:
@@ -627,6 +742,10 @@ class TerminalDisplay : public Display {
   int row_ = 0;
   int rows_ = 0;
   int cols_ = 0;
+  // The first body line shown, kept across refreshes (and made to fit the
+  // new length), and how many body lines the window shows.
+  std::size_t top_ = 0;
+  int page_ = 1;
 };
 
 // Runs refreshes into `d` until the user leaves, a signal ends the view or
@@ -698,6 +817,7 @@ int watchStatus(const Options& o, const StatusOptions& s) {
     return kExitUnexpected;
   }
   State st;
+  st.filter = s.filter;
   if (!o.json && isatty(STDOUT_FILENO)) {
     // Names in UTF-8 take the columns they show in.
     std::setlocale(LC_CTYPE, "");
