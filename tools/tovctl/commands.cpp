@@ -47,7 +47,7 @@ int cmdProbe(const Options& o, const std::string& hostArg) {
     usageError("probe: " + why);
   }
   Session s = hostArg.empty() ? Session(o) : Session(o, host, port);
-  const std::string what = "probe of " + entriesLabel(o, s);
+  const std::string what = "probe of " + s.target();
   // The probe swaps the buffer of std::cerr, switches colour off and lowers
   // the timeout, and leaves all three behind when the refresh throws (an
   // information reply too large for memory, say): put them back here.
@@ -258,7 +258,7 @@ int cmdDaemonAction(const Options& o, const ServiceAction& a) {
     confirm(o, what, "Shut down the daemon on " + s.label() + "?");
   }
   s.authVector();
-  s.refreshCache(false, "reading the cluster information from " + s.label());
+  s.refreshCache(false, "reading the cluster information from " + s.target());
   sendServiceCommand(s, a.letters, 0, "", what);
   if (o.json) {
     json j{{"command", a.name},
@@ -366,7 +366,7 @@ int cmdInfo(const Options& o, const std::string& service) {
     return cmdServiceData(o, static_cast<char>(req_info), service, false);
   }
   Session s(o);
-  s.refreshCache(true, "reading the cluster information from " + s.label());
+  s.refreshCache(true, "reading the cluster information from " + s.target());
   const std::vector<std::string> cluster =
       tov1::tovCache.tovInfoGetValueVector(s.host(), tov1::tovInfo_C, 0);
   std::vector<std::vector<std::string>> nodes;
@@ -412,7 +412,7 @@ int cmdInfo(const Options& o, const std::string& service) {
 
 int cmdServices(const Options& o) {
   Session s(o);
-  s.refreshCache(true, "reading the service list from " + s.label());
+  s.refreshCache(true, "reading the service list from " + s.target());
   const std::vector<ServiceRecord> list = s.services();
   if (o.json) {
     json arr = json::array();
@@ -431,7 +431,7 @@ int cmdSend(const Options& o, const std::string& line) {
   checkLineText(line, "send: the request line");
   Session s(o);
   const std::vector<std::string> auth = s.authVector();
-  const std::string what = "request \"" + line + "\" to " + s.label();
+  const std::string what = "request \"" + line + "\" to " + s.target();
   Reply reply;
   // A raw request is sent once: no busy retry.
   const int rc = s.request(line, auth, 1, reply, what);

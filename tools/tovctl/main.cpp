@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -152,16 +153,60 @@ std::string commandWord(const CLI::App& app, int argc, char** argv) {
   return "";
 }
 
-}  // namespace
+// What the command line itself set wins over the clusters file.
+void noteGiven(const CLI::App& app, Options& o) {
+  for (const char* name : {"--host", "--port", "--timeout", "--deadline",
+                           "--user", "--password-file"}) {
+    if (app.get_option(name)->count() > 0) o.given.insert(name);
+  }
+}
 
-int main(int argc, char** argv) {
-  Options o;
-  CLI::App app{"tovctl - control the tovmon daemons of a cluster"};
-  app.footer("\n" + tovctl::exitStatusHelp() + kFooterNotes);
-  app.set_version_flag("--version", "tovctl " TOVCTL_VERSION);
-  // Global options may also follow the subcommand.
-  app.fallthrough();
+// The commands and what runs each: every command registers its arguments
+// (kept alive by its handler) and its handler here.
+class Registry {
+ public:
+  Registry(CLI::App& app, Options& o) : app(app), o(o) {}
+  CLI::App& app;
+  Options& o;
 
+  CLI::App* add(const std::string& name, const std::string& help,
+                std::function<int()> run) {
+    CLI::App* sub = app.add_subcommand(name, help);
+    handlers_.emplace_back(sub, std::move(run));
+    return sub;
+  }
+  // The handler of the command given; null when there is none.
+  std::function<int()> chosen() const {
+    for (const auto& h : handlers_) {
+      if (h.first->parsed()) return h.second;
+    }
+    return nullptr;
+  }
+
+ private:
+  std::vector<std::pair<CLI::App*, std::function<int()>>> handlers_;
+};
+
+void addMoreGlobalOptions(CLI::App& app, Options& o) {
+  app.add_flag("--json", o.json,
+               "machine-readable output on standard output, also for "
+               "failures");
+  app.add_flag("-y,--yes", o.yes, "halt or shut down without asking");
+  app.add_flag("--show-secrets", o.showSecrets,
+               "let the diagnostics show password digests (unsafe)");
+  app.add_option("--cluster", o.cluster,
+                 "a cluster named in the clusters file: its entry nodes, "
+                 "port, user, password file, timeout and deadline, unless "
+                 "given here (default: $TOV_CLUSTER)")
+      ->type_name("NAME");
+  app.add_option("--config", o.config,
+                 "the clusters file (default: $TOV_CONFIG, else "
+                 "~/.config/tov/clusters.toml, /etc/xdg/tov/clusters.toml, "
+                 "/etc/tov/clusters.toml)")
+      ->type_name("FILE");
+}
+
+void addGlobalOptions(CLI::App& app, Options& o) {
   app.add_option("-H,--host", o.hosts,
                  "an entry node: a daemon's host name or address, with :PORT "
                  "if need be; repeat (or separate with commas) for more, "
@@ -201,238 +246,233 @@ int main(int argc, char** argv) {
       ->type_name("N")
       ->check(CLI::Range(1, 100).description(""))
       ->capture_default_str();
-  app.add_flag("--json", o.json,
-               "machine-readable output on standard output, also for "
-               "failures");
-  app.add_flag("-y,--yes", o.yes, "halt or shut down without asking");
-  app.add_flag("--show-secrets", o.showSecrets,
-               "let the diagnostics show password digests (unsafe)");
+  addMoreGlobalOptions(app, o);
+}
 
-  std::vector<std::pair<CLI::App*, std::function<int()>>> handlers;
-  auto on = [&handlers](CLI::App* sub, std::function<int()> run) {
-    handlers.emplace_back(sub, std::move(run));
+// Discovery and addresses.
+void addAddressCommands(Registry& r) {
+  struct Discover {
+    std::string host;
+    bool bootstrap = false, clusters = false, raw = false;
   };
-
-  // Discovery and addresses.
-  std::string discoverHost;
-  bool bootstrapOnly = false;
-  bool clustersOnly = false;
-  bool raw = false;
-  auto* discover = app.add_subcommand(
-      "discover",
-      "find clusters and bootstrap machines (UDP port 1195, 2.5 s); "
-      "broadcast unless HOST is given");
-  discover->add_option("host", discoverHost, "ask only this host");
-  auto* bootOpt = discover->add_flag("--bootstrap", bootstrapOnly,
+  auto d = std::make_shared<Discover>();
+  auto* discover =
+      r.add("discover",
+            "find clusters and bootstrap machines (UDP port 1195, 2.5 s); "
+            "broadcast unless HOST is given",
+            [d, &o = r.o] {
+              const int mode = d->bootstrap  ? tov1::tov_discover_bootstrap
+                               : d->clusters ? tov1::tov_discover_cluster
+                                             : tov1::tov_discover_all;
+              return tovctl::cmdDiscover(o, d->host, mode, d->raw);
+            });
+  discover->add_option("host", d->host, "ask only this host");
+  auto* bootOpt = discover->add_flag("--bootstrap", d->bootstrap,
                                      "only unconfigured (bootstrap) machines");
-  discover->add_flag("--clusters", clustersOnly, "only configured clusters")
+  discover->add_flag("--clusters", d->clusters, "only configured clusters")
       ->excludes(bootOpt);
-  discover->add_flag("--raw", raw, "the answer lines as received");
-  on(discover, [&] {
-    const int mode = bootstrapOnly  ? tov1::tov_discover_bootstrap
-                     : clustersOnly ? tov1::tov_discover_cluster
-                                    : tov1::tov_discover_all;
-    return tovctl::cmdDiscover(o, discoverHost, mode, raw);
-  });
+  discover->add_flag("--raw", d->raw, "the answer lines as received");
 
-  std::string probeHost;
-  auto* probe = app.add_subcommand(
-      "probe", "check quietly (2 s timeout) whether a daemon answers");
-  probe->add_option("host", probeHost,
-                    "host to probe (default: the first entry node that "
-                    "answers)");
-  on(probe, [&] { return tovctl::cmdProbe(o, probeHost); });
+  auto host = std::make_shared<std::string>();
+  r.add("probe", "check quietly (2 s timeout) whether a daemon answers",
+        [host, &o = r.o] { return tovctl::cmdProbe(o, *host); })
+      ->add_option("host", *host,
+                   "host to probe (default: the first entry node that "
+                   "answers)");
 
-  std::string resolveHost;
-  auto* resolve = app.add_subcommand("resolve", "print the address of a host");
-  resolve->add_option("host", resolveHost, "host name or address")->required();
-  on(resolve, [&] { return tovctl::cmdResolve(o, resolveHost); });
-
-  std::string familyAddr;
-  auto* family = app.add_subcommand(
-      "family", "print the IP version (4 or 6) of a numeric address");
-  family->add_option("address", familyAddr, "numeric address")->required();
-  on(family, [&] { return tovctl::cmdFamily(o, familyAddr); });
-
-  // Service requests. One service argument per subcommand, by number or name.
-  const std::size_t nActions = serviceActions().size();
-  std::vector<std::string> actionService(nActions);
-  for (std::size_t i = 0; i < nActions; ++i) {
-    const ServiceAction& a = serviceActions()[i];
-    auto* sub = app.add_subcommand(a.name, a.help);
-    sub->add_option("service", actionService[i], "service number or name")
-        ->required();
-    on(sub, [&o, &a, &actionService, i] {
-      return tovctl::cmdServiceAction(o, a, actionService[i], "");
-    });
-  }
-
-  std::string maintService;
-  std::string maintState;
-  auto* maint = app.add_subcommand(
-      "maintenance", "switch maintenance of a service on (default) or off");
-  maint->add_option("service", maintService, "service number or name")
+  auto name = std::make_shared<std::string>();
+  r.add("resolve", "print the address of a host",
+        [name, &o = r.o] { return tovctl::cmdResolve(o, *name); })
+      ->add_option("host", *name, "host name or address")
       ->required();
-  maint->add_option("state", maintState, "on or off")
-      ->check(CLI::IsMember({"on", "off"}));
-  on(maint, [&] {
-    static const ServiceAction a{"maintenance", "M", ""};
-    return tovctl::cmdServiceAction(o, a, maintService, maintState);
-  });
+  auto address = std::make_shared<std::string>();
+  r.add("family", "print the IP version (4 or 6) of a numeric address",
+        [address, &o = r.o] { return tovctl::cmdFamily(o, *address); })
+      ->add_option("address", *address, "numeric address")
+      ->required();
+}
 
-  std::string logService = "0";
-  std::vector<std::string> logWords;
-  auto* logCmd =
-      app.add_subcommand("log", "write a message into the daemon's log");
-  logCmd->add_option("-s,--service", logService, "service number or name")
+// Service requests: one service argument each, by number or name.
+void addServiceCommands(Registry& r) {
+  for (const ServiceAction& a : serviceActions()) {
+    auto service = std::make_shared<std::string>();
+    r.add(a.name, a.help,
+          [service, &a, &o = r.o] {
+            return tovctl::cmdServiceAction(o, a, *service, "");
+          })
+        ->add_option("service", *service, "service number or name")
+        ->required();
+  }
+  auto maint = std::make_shared<std::pair<std::string, std::string>>();
+  auto* m = r.add(
+      "maintenance", "switch maintenance of a service on (default) or off",
+      [maint, &o = r.o] {
+        static const ServiceAction a{"maintenance", "M", ""};
+        return tovctl::cmdServiceAction(o, a, maint->first, maint->second);
+      });
+  m->add_option("service", maint->first, "service number or name")->required();
+  m->add_option("state", maint->second, "on or off")
+      ->check(CLI::IsMember({"on", "off"}));
+
+  auto log =
+      std::make_shared<std::pair<std::string, std::vector<std::string>>>();
+  log->first = "0";
+  auto* l = r.add(
+      "log", "write a message into the daemon's log",
+      [log, &o = r.o] { return tovctl::cmdLog(o, log->first, log->second); });
+  l->add_option("-s,--service", log->first, "service number or name")
       ->capture_default_str();
-  logCmd->add_option("message", logWords, "the message")->required();
-  on(logCmd, [&] { return tovctl::cmdLog(o, logService, logWords); });
+  l->add_option("message", log->second, "the message")->required();
 
   for (const ServiceAction& a : daemonActions()) {
-    auto* sub = app.add_subcommand(a.name, a.help);
-    on(sub, [&o, &a] { return tovctl::cmdDaemonAction(o, a); });
+    r.add(a.name, a.help,
+          [&a, &o = r.o] { return tovctl::cmdDaemonAction(o, a); });
   }
+}
 
-  // Requests that return data.
-  std::string hbService = "0";
-  auto* hb = app.add_subcommand("heartbeats", "list the nodes' heartbeats");
-  hb->add_option("service", hbService, "service number or name")
-      ->capture_default_str();
-  on(hb, [&] {
-    return tovctl::cmdServiceData(o, static_cast<char>(req_heartbeats),
-                                  hbService, false);
-  });
+// Requests that return data; one service argument each.
+void addDataCommands(Registry& r) {
+  struct Data {
+    const char* name;
+    const char* help;
+    const char* fallback;  // "" when the service is required
+    std::function<int(const Options&, const std::string&)> run;
+  };
+  const Data table[] = {
+      {"heartbeats", "list the nodes' heartbeats", "0",
+       [](const Options& o, const std::string& s) {
+         return tovctl::cmdServiceData(o, static_cast<char>(req_heartbeats), s,
+                                       false);
+       }},
+      {"events", "recent events of a service (needs -u)", "",
+       [](const Options& o, const std::string& s) {
+         return tovctl::cmdServiceData(o, static_cast<char>(req_events), s,
+                                       true);
+       }},
+      {"version", "the daemon's version", "0", tovctl::cmdVersion},
+      {"info", "the cluster and its nodes, or the details of one service",
+       nullptr, tovctl::cmdInfo},
+  };
+  for (const Data& d : table) {
+    auto service = std::make_shared<std::string>(d.fallback ? d.fallback : "");
+    auto* sub = r.add(d.name, d.help, [service, run = d.run, &o = r.o] {
+      return run(o, *service);
+    });
+    auto* opt = sub->add_option("service", *service, "service number or name");
+    if (d.fallback == nullptr) continue;
+    if (*d.fallback == '\0') {
+      opt->required();
+    } else {
+      opt->capture_default_str();
+    }
+  }
+  r.add("services", "list the services",
+        [&o = r.o] { return tovctl::cmdServices(o); });
+}
 
-  std::string evService;
-  auto* events =
-      app.add_subcommand("events", "recent events of a service (needs -u)");
-  events->add_option("service", evService, "service number or name")
+// A raw request, and the codes.
+void addRawCommands(Registry& r) {
+  auto line = std::make_shared<std::string>();
+  r.add("send", "send one raw request line (once) and print the reply",
+        [line, &o = r.o] { return tovctl::cmdSend(o, *line); })
+      ->add_option("line", *line, "the request line, e.g. \"V 0\"")
       ->required();
-  on(events, [&] {
-    return tovctl::cmdServiceData(o, static_cast<char>(req_events), evService,
-                                  true);
-  });
+  auto code = std::make_shared<std::string>();
+  r.add("codes", "list the result codes, or explain one (number or name)",
+        [code, &o = r.o] { return tovctl::listCodes(o.json, *code); })
+      ->add_option("code", *code, "a code, e.g. 22 or TOV_COMMS_FAIL");
+}
 
-  std::string verService = "0";
-  auto* version = app.add_subcommand("version", "the daemon's version");
-  version->add_option("service", verService, "service number or name")
-      ->capture_default_str();
-  on(version, [&] { return tovctl::cmdVersion(o, verService); });
-
-  std::string infoService;
-  auto* info = app.add_subcommand(
-      "info", "the cluster and its nodes, or the details of one service");
-  info->add_option("service", infoService, "service number or name");
-  on(info, [&] { return tovctl::cmdInfo(o, infoService); });
-
-  auto* services = app.add_subcommand("services", "list the services");
-  on(services, [&] { return tovctl::cmdServices(o); });
-
-  tovctl::StatusOptions statusOpts;
-  auto* status = app.add_subcommand(
-      "status", "the whole cluster at a glance: nodes, services, summary");
-  status->add_flag("--watch", statusOpts.watch,
-                   "redraw it in place until q (one snapshot per interval "
-                   "when not on a terminal)");
+void addStatusCommand(Registry& r) {
+  auto st = std::make_shared<tovctl::StatusOptions>();
+  auto* status =
+      r.add("status", "the whole cluster at a glance: nodes, services, summary",
+            [st, &o = r.o] { return tovctl::cmdStatus(o, *st); });
+  auto* watch = status->add_flag(
+      "--watch", st->watch,
+      "redraw it in place until q (one snapshot per interval when not on a "
+      "terminal)");
+  // Refused without --watch rather than ignored.
   status
-      ->add_option("--interval", statusOpts.interval,
-                   "seconds between snapshots (default: the cluster's poll "
-                   "time)")
+      ->add_option("--interval", st->interval,
+                   "seconds between snapshots of --watch (default: the "
+                   "cluster's poll time)")
       ->type_name("SECONDS")
-      ->check(secondsIn(0.1, 3600.0));
-  status
-      ->add_option("--count", statusOpts.count,
-                   "end the live view after N snapshots")
+      ->check(secondsIn(0.1, 3600.0))
+      ->needs(watch);
+  status->add_option("--count", st->count, "end --watch after N snapshots")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000000).description(""));
-  on(status, [&] { return tovctl::cmdStatus(o, statusOpts); });
+      ->check(CLI::Range(1, 1000000).description(""))
+      ->needs(watch);
+  status->add_flag("--problems", st->filter.problems,
+                   "show only silent nodes and services that need attention");
+  status
+      ->add_option("--node", st->filter.nodes,
+                   "show only the nodes whose name or address matches PATTERN "
+                   "(shell glob); repeatable")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+  status
+      ->add_option("--service", st->filter.services,
+                   "show only the services whose name or index matches "
+                   "PATTERN (shell glob); repeatable")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);
+}
 
-  std::string checkWarning, checkCritical;
-  auto* check = app.add_subcommand(
-      "check", "a check for monitoring systems (status 0 OK to 3 UNKNOWN)");
-  check
-      ->add_option("-w,--warning", checkWarning,
-                   "WARNING outside RANGE[,RANGE] of silent nodes and of "
-                   "services not running (default 0,0)")
-      ->type_name("RANGE");
-  check
-      ->add_option("-c,--critical", checkCritical,
-                   "CRITICAL outside RANGE[,RANGE] (default: none)")
-      ->type_name("RANGE");
+void addHelpCommand(Registry& r) {
+  auto topic = std::make_shared<std::string>();
+  r.add("help", "show this help, or a command's", [topic, &app = r.app] {
+     if (topic->empty()) {
+       // App::help() would describe the command just parsed: this one.
+       std::cout << app.get_formatter()->make_help(&app, app.get_name(),
+                                                   CLI::AppFormatMode::Normal);
+       return tovctl::kExitOk;
+     }
+     CLI::App* sub = nullptr;
+     try {
+       sub = app.get_subcommand(*topic);
+     } catch (const CLI::OptionNotFound&) {
+       tovctl::usageError(unknownCommand(app, *topic));
+     }
+     std::cout << sub->help();
+     return tovctl::kExitOk;
+   })->add_option("command", *topic, "a command");
+}
 
-  std::string sendLine;
-  auto* send = app.add_subcommand(
-      "send", "send one raw request line (once) and print the reply");
-  send->add_option("line", sendLine, "the request line, e.g. \"V 0\"")
-      ->required();
-  on(send, [&] { return tovctl::cmdSend(o, sendLine); });
-
-  std::string codeArg;
-  auto* codes = app.add_subcommand(
-      "codes", "list the result codes, or explain one (number or name)");
-  codes->add_option("code", codeArg, "a code, e.g. 22 or TOV_COMMS_FAIL");
-  on(codes, [&] { return tovctl::listCodes(o.json, codeArg); });
-
-  std::string helpTopic;
-  auto* help = app.add_subcommand("help", "show this help, or a command's");
-  help->add_option("command", helpTopic, "a command");
-  on(help, [&] {
-    if (helpTopic.empty()) {
-      // App::help() would describe the command just parsed: this one.
-      std::cout << app.get_formatter()->make_help(&app, app.get_name(),
-                                                  CLI::AppFormatMode::Normal);
-      return tovctl::kExitOk;
-    }
-    CLI::App* sub = nullptr;
-    try {
-      sub = app.get_subcommand(helpTopic);
-    } catch (const CLI::OptionNotFound&) {
-      tovctl::usageError(unknownCommand(app, helpTopic));
-    }
-    std::cout << sub->help();
-    return tovctl::kExitOk;
-  });
-
-  app.require_subcommand(1);
-
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
-    if (commandWord(app, argc, argv) == "check") {
-      return tovctl::checkUnknown(std::string("usage: ") + e.what());
-    }
-    // The options were not all read: --json and -H count as given anyway.
-    tovctl::setJsonOutput(
-        std::find_if(argv + 1, argv + argc, [](const char* a) {
-          return std::string(a) == "--json";
-        }) != argv + argc);
-    tovctl::setTarget("", 0);
-    bool known = false;
-    for (const CLI::App* sub : app.get_subcommands({})) {
-      known = known || sub->parsed();
-    }
-    const std::string word = commandWord(app, argc, argv);
-    if (!known && !word.empty()) {
-      const std::vector<std::string> names = commandNames(app);
-      if (std::find(names.begin(), names.end(), word) == names.end()) {
-        return tovctl::reportUsage(unknownCommand(app, word));
-      }
-    }
-    return tovctl::reportUsage(std::string("usage: ") + e.what() +
-                               " (see tovctl --help)");
+// A command line that CLI11 refused: one usage line (or, for check, its
+// UNKNOWN line), naming the command meant when it is unknown.
+int refused(const CLI::App& app, const CLI::ParseError& e, int argc,
+            char** argv) {
+  if (commandWord(app, argc, argv) == "check") {
+    return tovctl::checkUnknown(std::string("usage: ") + e.what());
   }
-
-  if (check->parsed()) {
-    return tovctl::runCheck(o, app.get_option("--deadline")->count() > 0,
-                            checkWarning, checkCritical);
+  // The options were not all read: --json counts as given anyway.
+  tovctl::setJsonOutput(std::find_if(argv + 1, argv + argc, [](const char* a) {
+                          return std::string(a) == "--json";
+                        }) != argv + argc);
+  tovctl::setTarget("", 0);
+  bool known = false;
+  for (const CLI::App* sub : app.get_subcommands({})) {
+    known = known || sub->parsed();
   }
-  try {
-    tovctl::applyGlobals(o);
-    for (const auto& h : handlers) {
-      if (h.first->parsed()) return h.second();
+  const std::string word = commandWord(app, argc, argv);
+  if (!known && !word.empty()) {
+    const std::vector<std::string> names = commandNames(app);
+    if (std::find(names.begin(), names.end(), word) == names.end()) {
+      return tovctl::reportUsage(unknownCommand(app, word));
     }
+  }
+  return tovctl::reportUsage(std::string("usage: ") + e.what() +
+                             " (see tovctl --help)");
+}
+
+// Runs the command given, its failures reported as the tool reports them.
+int run(const Registry& r) {
+  try {
+    tovctl::applyGlobals(r.o);
+    const std::function<int()> handler = r.chosen();
+    if (handler) return handler();
     return tovctl::reportUsage("usage: no command given (see tovctl --help)");
   } catch (const tovctl::ExitNow& e) {
     return e.status;
@@ -441,4 +481,41 @@ int main(int argc, char** argv) {
               << "unexpected error: " << e.what() << std::endl;
     return tovctl::kExitUnexpected;
   }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  CLI::App app{"tovctl - control the tovmon daemons of a cluster"};
+  app.footer("\n" + tovctl::exitStatusHelp() + kFooterNotes);
+  app.set_version_flag("--version", "tovctl " TOVCTL_VERSION);
+  // Global options may also follow the subcommand.
+  app.fallthrough();
+  addGlobalOptions(app, o);
+
+  Registry r(app, o);
+  addAddressCommands(r);
+  addServiceCommands(r);
+  addDataCommands(r);
+  addStatusCommand(r);
+  tovctl::CheckArgs checkArgs;
+  CLI::App* check = tovctl::addCheck(app, checkArgs);
+  addRawCommands(r);
+  addHelpCommand(r);
+  app.require_subcommand(1);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    return refused(app, e, argc, argv);
+  }
+  noteGiven(app, o);
+  // A check ends in 0-3 whatever happens, its global options included.
+  if (check->parsed()) {
+    return tovctl::runCheck(o, app.get_option("--deadline")->count() > 0,
+                            checkArgs);
+  }
+  return run(r);
 }

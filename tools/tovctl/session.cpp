@@ -12,6 +12,7 @@
 
 #include "codes.h"
 #include "common/access.h"
+#include "common/clusters.h"
 #include "common/text.h"
 #include "tovapi/libtovapi.h"
 
@@ -56,10 +57,49 @@ std::string waitingFor(int result, const std::string& label) {
 
 }  // namespace
 
+namespace {
+
+std::string fromEnvironment(const std::string& given, const char* name) {
+  if (!given.empty()) return given;
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// Takes what the named cluster says for every option the command line did
+// not give.
+void applyCluster(Options& o) {
+  const std::string name = fromEnvironment(o.cluster, "TOV_CLUSTER");
+  const std::string file = fromEnvironment(o.config, "TOV_CONFIG");
+  if (name.empty()) {
+    if (!o.config.empty()) {
+      usageError("--config " + o.config +
+                 ": name a cluster of it with --cluster NAME");
+    }
+    return;
+  }
+  tovtools::ClusterConfig c;
+  std::string why;
+  if (!tovtools::findCluster(file, name, c, why)) {
+    usageError("cluster " + name + ": " + why);
+  }
+  auto unless = [&o](const char* option) { return o.given.count(option) == 0; };
+  if (unless("--host")) o.hosts = c.hosts;
+  if (unless("--port") && c.port) o.port = *c.port;
+  if (unless("--timeout") && c.timeout) o.timeout = *c.timeout;
+  if (unless("--deadline") && c.deadline) o.deadline = *c.deadline;
+  if (unless("--user") && c.user) o.user = *c.user;
+  if (unless("--password-file") && unless("--user") && c.passwordFile) {
+    o.passwordFile = *c.passwordFile;
+  }
+}
+
+}  // namespace
+
 void applyGlobals(Options& o) {
   tov1::Debug::useColour = !o.noColour && isatty(STDERR_FILENO) &&
                            std::getenv("NO_COLOR") == nullptr;
   setJsonOutput(o.json);
+  applyCluster(o);
   o.entries.clear();
   for (const std::string& given : o.hosts) {
     std::string host, why;
@@ -238,8 +278,8 @@ int Session::firstAnswering(const std::string& what, HandOver rule,
     if (last || !handOver) {
       chosen_ = true;
       if (rc == 0 && !skipped_.empty()) {
-        warn("entry node " + skipped() + " did not answer; " + label() +
-             " did");
+        warn((skipped_.size() == 1 ? "entry node " : "entry nodes ") +
+             skipped() + " did not answer; asked " + label() + " instead");
       }
       return rc;
     }
@@ -265,6 +305,15 @@ std::string hostPortLabel(const std::string& host, const std::string& port) {
 
 std::string Session::label() const { return hostPortLabel(host_, port_); }
 
+std::string Session::target() const {
+  if (chosen_) return label();
+  std::string out = "any of ";
+  for (std::size_t i = 0; i < entries_.size(); ++i) {
+    out += (i ? ", " : "") + hostPortLabel(entries_[i].host, entries_[i].port);
+  }
+  return out;
+}
+
 void Session::refreshCache(bool force, const std::string& doing) {
   const int rc = firstAnswering(doing, HandOver::AnyFailure, [&] {
     return tov1::tovCache.refreshCache(host_, port_, force);
@@ -273,9 +322,9 @@ void Session::refreshCache(bool force, const std::string& doing) {
 }
 
 std::string Session::skippedDetail() const {
-  return skipped_.empty()
-             ? ""
-             : "entry node " + skipped() + " did not answer either";
+  if (skipped_.empty()) return "";
+  return "asked last: " + label() + "; before it, " + skipped() +
+         " did not answer";
 }
 
 std::vector<ServiceRecord> Session::services() const {
@@ -300,7 +349,7 @@ std::vector<ServiceRecord> Session::services() const {
 
 ServiceRef Session::resolveService(const std::string& arg) {
   if (arg.empty()) usageError("empty service name");
-  refreshCache(false, "reading the service list from " + label());
+  refreshCache(false, "reading the service list from " + target());
   const std::vector<ServiceRecord> list = services();
   ServiceRef ref;
   if (allDigits(arg)) {
@@ -347,7 +396,7 @@ std::vector<std::string> Session::authVector() {
                "input)");
   } else {
     password = tov1::tovAuth.getUserPass("Password for " + opts_.user + " at " +
-                                         label() + ": ");
+                                         target() + ": ");
     // The typed line end was not echoed either.
     std::cerr << std::endl;
   }
@@ -417,16 +466,6 @@ Reply parseReply(const std::string& text) {
     }
   }
   return r;
-}
-
-std::string entriesLabel(const Options& o, const Session& s) {
-  if (o.entries.size() < 2 || s.entryCount() < 2) return s.label();
-  std::string out = "any of ";
-  for (std::size_t i = 0; i < o.entries.size(); ++i) {
-    out +=
-        (i ? ", " : "") + hostPortLabel(o.entries[i].host, o.entries[i].port);
-  }
-  return out;
 }
 
 std::string describe(const ServiceRef& s) {

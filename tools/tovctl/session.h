@@ -7,6 +7,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -37,6 +38,13 @@ struct Options {
   std::string passwordFile;
   unsigned attempts = 3;
   bool json = false;
+  // A cluster of the clusters file (--cluster, else $TOV_CLUSTER) and the
+  // file (--config, else $TOV_CONFIG, else the usual places).
+  std::string cluster;
+  std::string config;
+  // The long names of the options the command line gave: they win over
+  // the clusters file.
+  std::set<std::string> given;
 };
 
 // Thrown once the reason has been printed; main() exits with `status`.
@@ -153,9 +161,11 @@ class Session {
   const std::string& host() const { return host_; }
   const std::string& port() const { return port_; }
   int portNumber() const;
-  std::size_t entryCount() const { return entries_.size(); }
   // host:port, with brackets around an IPv6 address.
   std::string label() const;
+  // The daemon addressed, for messages: label() once an entry node has
+  // answered (or with one entry node), "any of a:1195, b:1195" before.
+  std::string target() const;
 
   // Fetches the daemon's information reply into the library's cache. The
   // service commands need it: the library checks the service number against
@@ -175,8 +185,8 @@ class Session {
   // The entry nodes that did not answer before this one, for messages:
   // "a:1195 (cannot connect ...)" joined by ", "; "" when none.
   std::string skipped() const;
-  // "entry node ... did not answer either", for the detail of a failure;
-  // "" when none was skipped.
+  // "asked last: b:1195; before it, a:1195 (...) did not answer", for the
+  // detail of a failure; "" when none was skipped.
   std::string skippedDetail() const;
 
   // The service records of the cached information reply.
@@ -212,11 +222,6 @@ class Session {
 };
 
 Reply parseReply(const std::string& text);
-
-// The daemon a command addresses, for messages: "a:1195" with one entry
-// node, "any of a:1195, b:1195" with several (the session's own when it was
-// given one host).
-std::string entriesLabel(const Options& o, const Session& s);
 
 // host:port, with brackets around an IPv6 address.
 std::string hostPortLabel(const std::string& host, const std::string& port);
