@@ -104,6 +104,23 @@ run "${at[@]}" services
 say "The whole cluster at a glance: every node probed at once"
 run "${at[@]}" status
 
+say "A dead entry node: node4 (127.0.0.4) does not answer, so node1 takes over"
+run -H "127.0.0.4:$port" -H "127.0.0.1:$port" --deadline 10 status --problems
+run -H "127.0.0.4:$port,127.0.0.1:$port" --deadline 10 services
+
+say "The same cluster by name, from a clusters file (docs/configuration.md)"
+cat >"$work/clusters.toml" <<EOF
+[clusters.demo]
+hosts = ["127.0.0.4", "127.0.0.1"]
+port = $port
+user = "demo"
+password_file = "password"
+deadline = 10
+EOF
+sed 's/^/    /' "$work/clusters.toml"
+run --config "$work/clusters.toml" --cluster demo --json status --problems \
+  --node 'node[14]'
+
 say "Bouncing 'web', authenticated as demo"
 run "${at[@]}" "${auth[@]}" bounce web
 run "${at[@]}" services
@@ -114,6 +131,7 @@ run "${at[@]}" status
 
 say "The check a monitoring system runs: WARNING (status 1), a node is silent and services are down"
 refused 1 "${at[@]}" check
+refused 1 "${at[@]}" check -vv
 
 say "Starting 'db' again (automatic mode)"
 run "${at[@]}" "${auth[@]}" start db
