@@ -1,5 +1,7 @@
 // tovexporter as Prometheus sees it: valid, true to the cluster, scraped by a
-// real server, and never held past its deadline by a node that stalls.
+// real server for two clusters at once, never held past its deadline by a
+// node that stalls or by the snapshot of another cluster, and never a series
+// twice whatever the daemon sends.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -16,11 +18,15 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
+#include <sstream>
 #include <thread>
 
+#include "support/loopback_server.h"
 #include "support/net_helpers.h"
 #include "support/sim.h"
 #include "tovexporter/metrics.h"
+#include "tovexporter/targets.h"
 
 namespace {
 
@@ -30,6 +36,9 @@ using Lines = std::vector<std::string>;
 const char* const kPromtool = "/usr/bin/promtool";
 const char* const kPrometheus = "/usr/bin/prometheus";
 const std::string kFffd = "\xEF\xBF\xBD";  // what replaces bytes not UTF-8
+const std::string kBuildInfo = "tov_exporter_build_info{version=\"" +
+                               std::string(TOVEXPORTER_VERSION) +
+                               "\",revision=\"" TOVEXPORTER_REVISION "\"} 1";
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -112,14 +121,40 @@ void expectLines(const std::string& body, const Lines& want) {
   }
 }
 
+// Series (name and labels) that appear more than once.
+Lines repeatedSeries(const std::string& body) {
+  std::istringstream in(body);
+  std::set<std::string> seen;
+  Lines twice;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    const std::string series = line.substr(0, line.rfind(' '));
+    if (!seen.insert(series).second) twice.push_back(series);
+  }
+  return twice;
+}
+
+// A one-node cluster on `address`, its service web running there.
+std::string clusterJson(const std::string& name, const std::string& address) {
+  return R"({"cluster": {"name": ")" + name + R"(", "poll_time": 1},
+    "nodes": [{"name": "n1", "address": ")" +
+         address + R"("}],
+    "services": [{"name": "web", "state": "running", "mode": "auto",
+                  "node": "n1"}],
+    "users": [{"user": "admin", "password": "secret"}]})";
+}
+
 // Simulators and one exporter, files in a temporary directory. The exporter
-// must end with status 0 on SIGTERM and remove its ready file.
+// reads the clusters file clusters.toml there (empty unless a test writes
+// it), never one of the user's; it must end with status 0 on SIGTERM and
+// remove its ready file.
 class ExporterTest : public testing::Test {
  protected:
   void SetUp() override {
     char templ[] = "/tmp/tovexporter-test-XXXXXX";
     ASSERT_NE(mkdtemp(templ), nullptr);
     dir_ = templ;
+    std::ofstream(path("clusters.toml"));
   }
   void TearDown() override {
     if (exporter_) {
@@ -144,9 +179,13 @@ class ExporterTest : public testing::Test {
     return *sims_.back();
   }
 
-  void startExporter(Lines args) {
-    args.insert(args.begin(), {TOVEXPORTER_PATH, "--listen", "127.0.0.1:0",
-                               "--ready-file", path("exporter.port")});
+  // `env`: variables to set for it, as NAME=VALUE.
+  void startExporter(Lines args, Lines env = {}) {
+    args.insert(args.begin(),
+                {TOVEXPORTER_PATH, "--listen", "127.0.0.1:0", "--ready-file",
+                 path("exporter.port"), "--config", path("clusters.toml")});
+    env.insert(env.begin(), "/usr/bin/env");
+    args.insert(args.begin(), env.begin(), env.end());
     exporter_ = std::make_unique<Child>(args, path("exporter.log"));
     std::string ready;
     pollFor(30, [&] {
@@ -162,6 +201,15 @@ class ExporterTest : public testing::Test {
     httplib::Client client("127.0.0.1", port_);
     client.set_read_timeout(15, 0);
     return client.Get(target, headers);
+  }
+
+  void expectPromtoolAccepts(const std::string& body) {
+    EXPECT_EQ(repeatedSeries(body), Lines{});
+    if (access(kPromtool, X_OK) != 0) GTEST_SKIP() << kPromtool << " missing";
+    std::ofstream(path("scrape.prom"), std::ios::binary) << body;
+    Child check({kPromtool, "check", "metrics"}, path("promtool.log"),
+                path("scrape.prom"));
+    EXPECT_EQ(check.wait(60), 0) << readFile(path("promtool.log"));
   }
 
   std::string dir_;
@@ -205,9 +253,10 @@ const char* const kHostile = R"({
 
 const std::string kNode = R"(node="no\"de\\1)" + kFffd + '"';
 // Without the information: no series of the cluster, only the exporter's.
-const Lines kTimedOut = {"tov_up 0",
-                         R"(tov_scrape_errors_total{code="deadline",*} 1)",
-                         "!tov_cluster_", "!tov_node_", "!tov_service_"};
+const Lines kTimedOut = {
+    "tov_up 0",
+    R"(tov_scrape_errors_total{*,code="deadline",name="deadline"} 1)",
+    "!tov_cluster_", "!tov_node_", "!tov_service_"};
 
 const std::vector<Row> kRows = {
     {"Healthy",
@@ -218,14 +267,17 @@ const std::vector<Row> kRows = {
      {"127.0.95.1"},
      {"tov_up 1", R"(tov_node_up{node="n1",address="127.0.95.1"} 1)",
       R"(tov_service_state{service="web",index="0",state="running"} 1)",
+      R"(tov_service_mode{service="web",index="0",mode="auto"} 1)",
+      R"(tov_service_mode{service="web",index="0",mode="manual"} 0)",
+      "tov_duplicate_records 0", R"(tov_scrapes_total{target="127.0.95.1:*} 1)",
       "!tov_scrape_errors_total{"}},
     {"SecondHostAnswers",
      simtest::defaultConfigJson(),
      {"127.0.95.9", "127.0.95.1"},
      {"tov_up 1", R"(tov_cluster_info{cluster="testcluster",*} 1)",
       R"(tov_cluster_info{*,host="127.0.95.1"} 1)",
-      R"(!tov_scrape_errors_total{code="deadline")",
-      "tov_scrape_errors_total{*} 1",
+      R"(!tov_scrape_errors_total{*code="deadline",name="deadline"} 1)",
+      R"(tov_scrape_errors_total{*,code="69",name="TOV_SOCK_CONNECT"} 1)",
       R"(tov_service_state{service="db",index="1",state="stopped"} 1)"}},
     {"DegradedWithAStalledNode",
      kDegraded,
@@ -236,6 +288,7 @@ const std::vector<Row> kRows = {
       R"(tov_node_probe_duration_seconds{node="n2",address="127.0.95.2"} 2.5)",
       R"(tov_service_state{service="mail",index="2",state="broken"} 1)",
       R"(tov_service_blocked{service="batch",index="3"} 1)",
+      R"(tov_service_mode{service="db",index="1",mode="manual"} 1)",
       R"(tov_service_node_info{service="web",index="0",node="n1"} 1)",
       R"(!tov_service_node_info{service="mail")"}},
     {"HostileNames",
@@ -280,14 +333,12 @@ TEST_P(Exposition, PromtoolAcceptsItAndItShowsTheClusterInTime) {
             "text/plain; version=0.0.4; charset=utf-8");
   SCOPED_TRACE(res->body);
   expectLines(res->body, row.expect);
+  expectLines(res->body, {kBuildInfo});
+  EXPECT_TRUE(std::regex_match(TOVEXPORTER_REVISION,
+                               std::regex("[0-9a-f]{40}|unknown")));
   EXPECT_EQ(get("/")->status, 200);
   EXPECT_EQ(get("/nothing")->status, 404);
-
-  if (access(kPromtool, X_OK) != 0) GTEST_SKIP() << kPromtool << " missing";
-  std::ofstream(path("scrape.prom"), std::ios::binary) << res->body;
-  Child check({kPromtool, "check", "metrics"}, path("promtool.log"),
-              path("scrape.prom"));
-  EXPECT_EQ(check.wait(60), 0) << readFile(path("promtool.log"));
+  expectPromtoolAccepts(res->body);
 }
 
 INSTANTIATE_TEST_SUITE_P(Clusters, Exposition, testing::ValuesIn(kRows),
@@ -301,16 +352,330 @@ TEST(LabelValue, EscapesWhatWouldEndTheValueOnly) {
             "a\\nb\r\\\"c\\\\d" + kFffd);
 }
 
-TEST_F(ExporterTest, PrometheusScrapesItAndSeesAServiceStop) {
+// What a /probe request names: the target it gives, or why it is refused
+// ('!': the refusal says this). A named cluster keeps its own settings.
+TEST(ProbeTarget, EntryNodesOrANamedClusterElseAReason) {
+  using tovexporter::Target;
+  const tovexporter::Defaults d;  // port 1195, timeout 3, deadline 10
+  tovtools::ClusterConfig prod;
+  prod.name = "prod";
+  prod.hosts = {"h1", "h2:9"};
+  prod.port = 7;
+  prod.timeout = 1.5;
+  std::map<std::string, Target> named;
+  std::string why;
+  ASSERT_TRUE(tovexporter::clusterTarget(prod, d, named["prod"], why)) << why;
+  std::string many = "h";
+  for (unsigned i = 0; i < tovtools::kMaxNodes; ++i) many += ",h";
+  const std::pair<std::multimap<std::string, std::string>, std::string>
+      cases[] = {
+          {{{"target", "192.0.2.1"}}, "192.0.2.1:1195"},
+          {{{"target", "[::1]"}, {"target", "a.example:2"}},
+           "[::1]:1195,a.example:2"},
+          {{{"target", "::1,b_1-x.y:65535"}, {"module", "x"}},
+           "[::1]:1195,b_1-x.y:65535"},
+          {{{"cluster", "prod"}}, "prod"},
+          {{}, "!missing parameter"},
+          {{{"target", ""}}, "!the host is empty"},
+          {{{"target", "a,,b"}}, "!the host is empty"},
+          {{{"target", "a b"}}, "!\"a b\": not a host name or address"},
+          {{{"target", "a\x1b[2J"}}, "!a\\x1b[2J"},  // shown, not obeyed
+          {{{"target", "a:65536"}}, "!from 1 to 65535"},
+          {{{"target", many}}, "!more than 256 entry nodes"},
+          {{{"cluster", "beta"}}, "!unknown cluster \"beta\""},
+          {{{"cluster", "prod"}, {"cluster", "prod"}}, "!one cluster"},
+          {{{"cluster", "prod"}, {"target", "a"}}, "!not both"},
+      };
+  for (const auto& [params, want] : cases) {
+    SCOPED_TRACE(want);
+    Target t;
+    const bool ok = tovexporter::probeTarget(params, d, named, t, why);
+    if (want[0] == '!') {
+      EXPECT_FALSE(ok);
+      EXPECT_NE(why.find(want.substr(1)), std::string::npos) << why;
+      EXPECT_EQ(why.find_first_of("\n\x1b"), std::string::npos) << why;
+      continue;
+    }
+    ASSERT_TRUE(ok) << why;
+    EXPECT_EQ(t.name, want);
+    const bool isProd = want == "prod";
+    EXPECT_EQ(t.entries.size(),
+              isProd ? 2u : 1u + std::count(want.begin(), want.end(), ','));
+    EXPECT_EQ(t.entries.back().port,
+              isProd ? "9" : want.substr(want.rfind(':') + 1));
+    EXPECT_EQ(t.entries.front().port, isProd ? "7" : t.entries.front().port);
+    EXPECT_EQ(t.timeout, isProd ? 1.5 : 3);
+    EXPECT_EQ(t.deadline, 10);
+  }
+  // Options given on the command line win over the cluster's own keys.
+  tovexporter::Defaults given = d;
+  given.portGiven = given.timeoutGiven = true;
+  Target t;
+  ASSERT_TRUE(tovexporter::clusterTarget(prod, given, t, why)) << why;
+  EXPECT_EQ(t.name, "prod");
+  EXPECT_EQ(t.entries.front().port, "1195");
+  EXPECT_EQ(t.timeout, 3);
+}
+
+// The writer's own guarantee, whatever a snapshot holds (one read back from
+// JSON keeps every record): no label set twice in a family, the first wins.
+TEST(ClusterExposition, NoSeriesTwiceAndTheFirstWins) {
+  tovtools::Snapshot s;
+  s.duplicates = 3;
+  for (const auto& [name, answers] : {std::pair<const char*, bool>{"n1", true},
+                                      {"n1", false},
+                                      {"n\xff", true},
+                                      {"n\xfe", false}}) {
+    s.nodes.push_back({});
+    s.nodes.back().name = name;
+    s.nodes.back().address = "192.0.2.1";
+    s.nodes.back().answers = answers;
+  }
+  for (const auto& [index, mode] : {std::pair<unsigned, const char*>{0, "auto"},
+                                    {0, "manual"},
+                                    {1, "weird"},
+                                    {1, "auto"}}) {
+    s.services.push_back(
+        {index, "web", index ? "running" : "stopped", mode, false, "n1"});
+  }
+  const std::string text = tovexporter::clusterExposition(&s, 0.25);
+  SCOPED_TRACE(text);
+  EXPECT_EQ(repeatedSeries(text), Lines{});
+  expectLines(
+      text, {"tov_up 1", "tov_duplicate_records 3",
+             "tov_scrape_duration_seconds 0.25",
+             R"(tov_node_up{node="n1",address="192.0.2.1"} 1)",
+             "tov_node_up{node=\"n" + kFffd + "\",address=\"192.0.2.1\"} 1",
+             R"(tov_service_state{service="web",index="0",state="stopped"} 1)",
+             R"(tov_service_mode{service="web",index="0",mode="auto"} 1)",
+             R"(tov_service_mode{service="web",index="0",mode="manual"} 0)",
+             R"(tov_service_mode{service="web",index="1",mode="weird"} 1)",
+             R"(tov_service_mode{service="web",index="1",mode="auto"} 0)",
+             R"(tov_service_node_info{service="web",index="1",node="n1"} 1)"});
+}
+
+// A daemon that repeats node and service records and names two nodes alike
+// but for bytes that are not UTF-8: every series once, as promtool wants.
+TEST_F(ExporterTest, RepeatedRecordsNeverRepeatASeries) {
+  const std::string at = " 127.0.95.3 4\n";
+  looptest::Script daemon;
+  daemon.reply =
+      "Cn cluster information\n"
+      "C dup 4 2 9f3c 17 1700000000 512 1 1700000100 0 n1 test\n"
+      "N n1" +
+      at + "N n1" + at + "N n\xff" + at + "N n\xfe" + at +
+      "S 0 web running auto 0 n1\nS 0 web running auto 0 n1\n"
+      "S 1 web stopped weird 0 -\nV 1.0 2.2\n";
+  looptest::LoopbackServer server({daemon}, "127.0.95.3");
+  startExporter({"-H", "127.0.95.3:" + server.portStr()});
+  const auto res = get("/metrics");
+  ASSERT_TRUE(res && res->status == 200);
+  SCOPED_TRACE(res->body);
+  expectLines(
+      res->body,
+      {"tov_up 1", "tov_duplicate_records 2",
+       "tov_node_up{node=\"n" + kFffd + "\",address=\"127.0.95.3\"} 1",
+       R"(tov_service_state{service="web",index="0",state="running"} 1)",
+       R"(tov_service_mode{service="web",index="1",mode="weird"} 1)"});
+  expectPromtoolAccepts(res->body);
+}
+
+// One exporter: alpha by its entry nodes, beta by name or by entry node;
+// what names no target is a 400 of one line. /metrics serves the cluster
+// TOV_CLUSTER names, and counters per target for kMaxTargets targets at
+// most, never dropping that cluster's.
+TEST_F(ExporterTest, ProbeServesTheClusterItIsAskedFor) {
+  simtest::SimProcess& alpha = startSim(clusterJson("alpha", "127.0.95.1"));
+  simtest::SimProcess& beta =
+      startSim(clusterJson("beta", "127.0.95.2"), "127.0.95.2");
+  std::ofstream(path("clusters.toml"))
+      << "[clusters.beta]\nhosts = [\"127.0.95.2:" << beta.portStr() << "\"]\n";
+  startExporter({"-p", alpha.portStr()}, {"TOV_CLUSTER=beta"});
+  const std::string a = "127.0.95.1:" + alpha.portStr();
+  const std::string refused = "127.0.95.9:" + alpha.portStr();
+  const std::pair<std::string, Lines> cases[] = {
+      {"target=127.0.95.1",
+       {"tov_up 1", R"(tov_cluster_info{cluster="alpha",*)"}},
+      {"target=127.0.95.2:" + beta.portStr(),
+       {"tov_up 1", R"(tov_cluster_info{cluster="beta",*)"}},
+      {"target=127.0.95.9&target=" + a,
+       {"tov_up 1",
+        R"(tov_cluster_info{cluster="alpha",*,host="127.0.95.1"} 1)"}},
+      {"target=127.0.95.9," + a, {"tov_up 1"}},
+      {"cluster=beta", {"tov_up 1", R"(tov_cluster_info{cluster="beta",*)"}},
+      {"target=bad%20host",
+       {"400 bad entry node \"bad host\": not a host name or address"}},
+      {"cluster=prod", {"400 unknown cluster \"prod\""}},
+      {"", {"400 missing parameter: target=HOST[:PORT] or cluster=NAME"}},
+  };
+  for (const auto& [query, want] : cases) {
+    SCOPED_TRACE(query);
+    const auto res = get("/probe?" + query);
+    ASSERT_TRUE(res);
+    if (res->status == 400) {
+      EXPECT_EQ("400 " + res->body, want[0] + "\n");
+      continue;
+    }
+    EXPECT_EQ(res->status, 200);
+    expectLines(res->body, want);
+    expectLines(res->body, {"!tov_scrapes_total", "!tov_exporter_build_info"});
+  }
+  std::string metrics = get("/metrics")->body;
+  expectLines(metrics,
+              {"tov_up 1", R"(tov_cluster_info{cluster="beta",*)", kBuildInfo,
+               "tov_scrapes_total{target=\"" + a + "\"} 1",
+               R"(tov_scrapes_total{target="beta"} 2)",
+               "tov_scrapes_total{target=\"" + refused + "," + a + "\"} 2",
+               "tov_scrape_errors_total{target=\"" + refused + "," + a +
+                   R"(",code="69",name="TOV_SOCK_CONNECT"} 2)",
+               R"(!tov_scrapes_total{target="bad)"});
+
+  const int first = 20000;
+  const int n = static_cast<int>(tovexporter::kMaxTargets) + 10;
+  for (int i = 0; i < n; ++i) {
+    get("/probe?target=127.0.95.9:" + std::to_string(first + i));
+  }
+  metrics = get("/metrics")->body;
+  std::size_t kept = 0;
+  for (std::size_t at = 0;
+       (at = metrics.find("\ntov_scrapes_total{", at)) != std::string::npos;
+       ++at) {
+    ++kept;
+  }
+  EXPECT_EQ(kept, tovexporter::kMaxTargets);
+  expectLines(metrics, {"tov_scrapes_total{target=\"127.0.95.9:" +
+                            std::to_string(first + n - 1) + "\"} 1",
+                        "!tov_scrapes_total{target=\"127.0.95.9:" +
+                            std::to_string(first) + "\"}",
+                        "!tov_scrapes_total{target=\"" + a + "\"}",
+                        R"(tov_scrapes_total{target="beta"} 3)"});
+}
+
+// Scrapes of one cluster share its snapshot; a scrape of another waits for
+// its turn no longer than its own deadline, and is then tov_up 0 with a
+// deadline error. The exporter reads that cluster again afterwards. A named
+// cluster's own deadline bounds its scrapes.
+TEST_F(ExporterTest, ScrapesTakeTurnsEachWithinItsOwnDeadline) {
+  simtest::SimProcess& sim = startSim(clusterJson("alpha", "127.0.95.1"));
+  startSim(clusterJson("stalls", "127.0.95.2"), "127.0.95.2", sim.port(),
+           {"--reply-delay", "600000"});
+  std::ofstream(path("clusters.toml"))
+      << "[clusters.stalls]\nhosts = [\"127.0.95.2\"]\ndeadline = 1\n";
+  startExporter({"-p", sim.portStr()});
+  const auto within = [&](const std::string& target, const char* timeout) {
+    return get("/probe?" + target,
+               {{"X-Prometheus-Scrape-Timeout-Seconds", timeout}});
+  };
+  const Lines notRead = {"tov_up 0", "!tov_cluster_", "!tov_node_"};
+  std::string stalled[2];
+  std::thread first(
+      [&] { stalled[0] = within("target=127.0.95.2", "4.5")->body; });
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  std::thread second(
+      [&] { stalled[1] = within("target=127.0.95.2", "4.5")->body; });
+  auto begun = Clock::now();
+  const auto seconds = [&] {
+    return std::chrono::duration<double>(Clock::now() - begun).count();
+  };
+  const auto other = within("target=127.0.95.1", "2");
+  const double took = seconds();
+  first.join();
+  second.join();
+  ASSERT_TRUE(other);
+  EXPECT_GE(took, 1.4);  // its deadline: 2 s less the margin
+  EXPECT_LE(took, 2.8);  // not held until the stalled snapshot ends
+  expectLines(other->body, notRead);
+  for (const std::string& body : stalled) expectLines(body, notRead);
+  expectLines(
+      get("/metrics")->body,
+      {R"(tov_scrapes_total{target="127.0.95.2:*} 1)",
+       R"(tov_scrapes_total{target="127.0.95.1:*} 0)",
+       R"(tov_scrape_errors_total{target="127.0.95.1:*,name="deadline"} 1)"});
+  expectLines(get("/probe?target=127.0.95.1")->body, {"tov_up 1"});
+  begun = Clock::now();
+  expectLines(get("/probe?cluster=stalls")->body, notRead);
+  EXPECT_LE(seconds(), 2.5);  // 1 s, not --deadline's 10
+}
+
+// What keeps the exporter from starting: status 2 and what is wrong, in one
+// line where the exporter words it (CLI11 adds a hint of its own). The
+// password options are gone: the exporter needs no password.
+TEST_F(ExporterTest, StartUpProblemsEndItWithStatusTwo) {
+  const std::string good = path("clusters.toml");
+  std::ofstream(good) << "[clusters.beta]\nhosts = [\"127.0.95.2\"]\n";
+  std::ofstream(path("bad.toml"))
+      << "[clusters.beta]\nhosts = [\"h\"]\nx = 1\n";
+  struct Case {
+    Lines env, args;
+    std::string says;
+  };
+  const Case cases[] = {
+      {{}, {"-u", "admin"}, "The following arguments were not expected"},
+      {{}, {"--password-file", good}, "--password-file"},
+      {{}, {"-H", "127.0.95.1", "--cluster", "beta"}, "excludes"},
+      {{}, {"--cluster", "prod"}, good + ": no cluster \"prod\"; it has beta"},
+      {{"TOV_CLUSTER=prod"}, {}, "no cluster \"prod\""},
+      {{}, {"--config", path("none.toml")}, path("none.toml")},
+      {{"TOV_CONFIG=" + path("bad.toml")}, {}, path("bad.toml") + ":3:1: "},
+      // With -H, TOV_CLUSTER is not read.
+      {{"TOV_CLUSTER=prod"}, {"-H", "a b"}, "-H: bad entry node"},
+      {{}, {"--listen", "127.0.0.1"}, "--listen: \"127.0.0.1\" is not"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.says);
+    Lines args{"/usr/bin/env", "TOV_CONFIG=" + good};
+    args.insert(args.end(), c.env.begin(), c.env.end());
+    args.push_back(TOVEXPORTER_PATH);
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    if (std::find(args.begin(), args.end(), "--listen") == args.end()) {
+      args.insert(args.end(), {"--listen", "127.0.0.1:0"});
+    }
+    Child exporter(args, path("start.log"));
+    EXPECT_EQ(exporter.wait(30), 2);
+    const std::string log = readFile(path("start.log"));
+    EXPECT_NE(log.find(c.says), std::string::npos) << log;
+    const bool ours = log.rfind("tovexporter: ", 0) == 0;
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), ours ? 1 : 2) << log;
+  }
+}
+
+std::string replaceAll(std::string text, const std::string& from,
+                       const std::string& to) {
+  for (std::size_t at = text.find(from); at != std::string::npos;
+       at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// examples/prometheus.yml with this test's ports and a 1 s interval: a real
+// Prometheus scrapes alpha by its entry node and beta by name through one
+// exporter, each cluster an instance of its own, and the exporter's own
+// /metrics. A service stopped in alpha shows there and nowhere else.
+TEST_F(ExporterTest, PrometheusScrapesTwoClustersThroughOneExporter) {
   if (access(kPrometheus, X_OK) != 0) GTEST_SKIP() << kPrometheus << " missing";
-  simtest::SimProcess& sim = startSim(simtest::defaultConfigJson());
-  startExporter({"-H", "127.0.95.1", "-p", sim.portStr()});
-  std::ofstream(path("prometheus.yml"))
-      << "global: {scrape_interval: 1s, scrape_timeout: 1s}\n"
-         "scrape_configs:\n"
-         "  - job_name: tov\n"
-         "    static_configs: [{targets: ['127.0.0.1:"
-      << port_ << "']}]\n";
+  simtest::SimProcess& alpha = startSim(clusterJson("alpha", "127.0.95.1"));
+  simtest::SimProcess& beta =
+      startSim(clusterJson("beta", "127.0.95.2"), "127.0.95.2");
+  std::ofstream(path("clusters.toml"))
+      << "[clusters.beta]\nhosts = [\"127.0.95.2:" << beta.portStr() << "\"]\n";
+  startExporter({});
+  const std::string a = "127.0.95.1:" + alpha.portStr();
+  const std::string exporter = "127.0.0.1:" + std::to_string(port_);
+  std::string yml = readFile(TOVAPI_EXAMPLES "/prometheus.yml");
+  for (const auto& [from, to] :
+       std::vector<std::pair<std::string, std::string>>{
+           {"15s", "1s"},
+           {"scrape_timeout: 10s", "scrape_timeout: 1s"},
+           {"\"192.0.2.11:1195\"", "\"" + a + "\""},
+           {"[\"prod\"]", "[\"beta\"]"},
+           {"127.0.0.1:9795", exporter}}) {
+    ASSERT_NE(yml.find(from), std::string::npos) << from;
+    yml = replaceAll(yml, from, to);
+  }
+  std::ofstream(path("prometheus.yml")) << yml;
+  std::filesystem::copy_file(TOVAPI_EXAMPLES "/tovexporter-alerts.yml",
+                             path("tovexporter-alerts.yml"));
   const int webPort = testsupport::closedPort();
   Child prometheus({kPrometheus, "--config.file=" + path("prometheus.yml"),
                     "--storage.tsdb.path=" + path("tsdb"),
@@ -320,30 +685,49 @@ TEST_F(ExporterTest, PrometheusScrapesItAndSeesAServiceStop) {
   httplib::Client api("127.0.0.1", webPort);
   api.set_connection_timeout(1, 0);
   api.set_read_timeout(5, 0);
-  const auto query = [&](const std::string& q) {
-    const httplib::Params params{{"query", q}};
-    const auto res = api.Get("/api/v1/query", params, httplib::Headers{});
+  using Map = std::map<std::string, std::string>;
+  // The series of `q` by their label `key`: their value, or label `label`.
+  const auto series = [&](const std::string& q, const std::string& key,
+                          const std::string& label = "") {
+    Map out;
+    const auto res = api.Get("/api/v1/query", httplib::Params{{"query", q}},
+                             httplib::Headers{});
     const auto j = nlohmann::json::parse(res ? res->body : "", nullptr, false);
-    if (j.is_discarded() || j["data"]["result"].empty()) return std::nan("");
-    return std::stod(j["data"]["result"][0]["value"][1].get<std::string>());
+    if (j.is_discarded() || !j.contains("data")) return out;
+    for (const auto& r : j["data"]["result"]) {
+      out[r["metric"].value(key, "")] = label.empty()
+                                            ? r["value"][1].get<std::string>()
+                                            : r["metric"].value(label, "");
+    }
+    return out;
   };
   const auto promLog = [&] { return readFile(path("prometheus.log")); };
 
-  // Polls, not sleeps: a slow start only makes the wait longer.
+  // Polls, not sleeps: a slow start only makes the wait longer. The
+  // exporter's own /metrics has counters of their own for each target.
   ASSERT_TRUE(pollFor(90, [&] {
-    return query("count_over_time(tov_up[1m])") >= 2 || !prometheus.running();
-  }));
+    return (series(R"(tov_up{job="tovcluster"})", "instance") ==
+                Map{{a, "1"}, {"beta", "1"}} &&
+            series(R"(tov_cluster_info{job="tovcluster"})", "instance",
+                   "cluster") == Map{{a, "alpha"}, {"beta", "beta"}} &&
+            series(R"(up{job="tovexporter"})", "instance") ==
+                Map{{exporter, "1"}} &&
+            series("tov_exporter_build_info", "job") ==
+                Map{{"tovexporter", "1"}} &&
+            series("tov_scrapes_total > bool 0", "target") ==
+                Map{{a, "1"}, {"beta", "1"}}) ||
+           !prometheus.running();
+  })) << promLog();
   ASSERT_TRUE(prometheus.running()) << promLog();
-  EXPECT_EQ(query("tov_up"), 1) << promLog();
-  EXPECT_EQ(query(R"(tov_service_state{service="web",state="running"})"), 1);
 
   std::ofstream(path("pw")) << "secret\n";  // given on standard input
-  Child tovctl({TOVCTL_PATH, "-H", "127.0.95.1", "-p", sim.portStr(), "-u",
-                "admin", "--password-file", "-", "stop", "web"},
+  Child tovctl({TOVCTL_PATH, "-H", a, "-u", "admin", "--password-file", "-",
+                "stop", "web"},
                path("tovctl.log"), path("pw"));
   ASSERT_EQ(tovctl.wait(30), 0) << readFile(path("tovctl.log"));
   EXPECT_TRUE(pollFor(60, [&] {
-    return query(R"(tov_service_state{service="web",state="stopped"})") == 1;
+    return series(R"(tov_service_state{service="web",state="stopped"})",
+                  "instance") == Map{{a, "1"}, {"beta", "0"}};
   })) << promLog();
 }
 

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <set>
 #include <sstream>
 
 #include "common/codenames.h"
@@ -18,6 +19,8 @@ using Labels = std::vector<std::pair<std::string, std::string>>;
 
 const char* const kStates[] = {"running", "stopped", "starting", "stopping",
                                "broken"};
+const char* const kModes[] = {"auto", "manual"};
+const std::pair<std::string, std::string> kDeadline{"deadline", "deadline"};
 
 std::string number(double v) {
   if (std::isnan(v)) return "NaN";
@@ -31,7 +34,10 @@ std::string number(double v) {
   return buf;
 }
 
-// Writes one metric family: HELP, TYPE, then its samples.
+// Writes one metric family: HELP, TYPE, then its samples, each label set
+// once: a daemon may send what makes two of them alike (a record repeated,
+// names that differ only in bytes that are not UTF-8), and a repeated series
+// makes Prometheus refuse the whole scrape.
 class Family {
  public:
   Family(std::ostringstream& out, const std::string& name, const char* type,
@@ -41,23 +47,44 @@ class Family {
          << type << '\n';
   }
   void sample(const Labels& labels, double value) {
-    out_ << name_;
+    std::string series = name_;
     if (!labels.empty()) {
-      out_ << '{';
+      series += '{';
       for (std::size_t i = 0; i < labels.size(); ++i) {
-        out_ << (i ? "," : "") << labels[i].first << "=\""
-             << labelValue(labels[i].second) << '"';
+        series += (i ? "," : "") + labels[i].first + "=\"" +
+                  labelValue(labels[i].second) + '"';
       }
-      out_ << '}';
+      series += '}';
     }
-    out_ << ' ' << number(value) << '\n';
+    if (!seen_.insert(series).second) return;  // the first one wins
+    out_ << series << ' ' << number(value) << '\n';
   }
   void sample(double value) { sample({}, value); }
 
  private:
   std::ostringstream& out_;
   std::string name_;
+  std::set<std::string> seen_;
 };
+
+// One series for each of the `known` values of `key`, 1 for the current one,
+// and one more for a current value that is none of them.
+template <std::size_t N>
+void oneHot(Family& family, const Labels& labels, const char* key,
+            const char* const (&known)[N], const std::string& current) {
+  Labels with = labels;
+  with.emplace_back(key, "");
+  bool isKnown = false;
+  for (const char* k : known) {
+    isKnown = isKnown || current == k;
+    with.back().second = k;
+    family.sample(with, current == k ? 1 : 0);
+  }
+  if (!isKnown) {
+    with.back().second = current;
+    family.sample(with, 1);
+  }
+}
 
 void clusterSeries(std::ostringstream& out, const tovtools::Snapshot& s) {
   const tovtools::ClusterRecord& c = s.cluster;
@@ -82,7 +109,13 @@ void clusterSeries(std::ostringstream& out, const tovtools::Snapshot& s) {
          "Last change of the cluster configuration, in seconds since the "
          "epoch.")
       .sample(static_cast<double>(c.lastModified));
+  Family(out, "tov_duplicate_records", "gauge",
+         "Node and service records the daemon repeated, left out of this "
+         "scrape.")
+      .sample(static_cast<double>(s.duplicates));
+}
 
+void nodeSeries(std::ostringstream& out, const tovtools::Snapshot& s) {
   Family up(out, "tov_node_up", "gauge",
             "Whether the daemon of the node answers the probe (1) or not (0).");
   for (const tovtools::NodeStatus& n : s.nodes) {
@@ -93,37 +126,36 @@ void clusterSeries(std::ostringstream& out, const tovtools::Snapshot& s) {
   for (const tovtools::NodeStatus& n : s.nodes) {
     took.sample({{"node", n.name}, {"address", n.address}}, n.seconds);
   }
+}
 
+void serviceSeries(std::ostringstream& out, const tovtools::Snapshot& s) {
+  const auto labels = [](const tovtools::ServiceStatus& v) {
+    return Labels{{"service", v.name}, {"index", std::to_string(v.index)}};
+  };
   Family state(out, "tov_service_state", "gauge",
                "The state of the service: 1 for its current state, 0 for the "
                "others.");
   for (const tovtools::ServiceStatus& v : s.services) {
-    const std::string index = std::to_string(v.index);
-    bool known = false;
-    for (const char* st : kStates) {
-      known = known || v.state == st;
-      state.sample({{"service", v.name}, {"index", index}, {"state", st}},
-                   v.state == st ? 1 : 0);
-    }
-    if (!known) {
-      state.sample({{"service", v.name}, {"index", index}, {"state", v.state}},
-                   1);
-    }
+    oneHot(state, labels(v), "state", kStates, v.state);
+  }
+  Family mode(out, "tov_service_mode", "gauge",
+              "The mode of the service: 1 for its current mode, 0 for the "
+              "other.");
+  for (const tovtools::ServiceStatus& v : s.services) {
+    oneHot(mode, labels(v), "mode", kModes, v.mode);
   }
   Family blocked(out, "tov_service_blocked", "gauge",
                  "Whether the service is blocked from starting.");
   for (const tovtools::ServiceStatus& v : s.services) {
-    blocked.sample({{"service", v.name}, {"index", std::to_string(v.index)}},
-                   v.blocked ? 1 : 0);
+    blocked.sample(labels(v), v.blocked ? 1 : 0);
   }
   Family where(out, "tov_service_node_info", "gauge",
                "The node a service runs on.");
   for (const tovtools::ServiceStatus& v : s.services) {
     if (v.node.empty() || v.node == "-") continue;
-    where.sample({{"service", v.name},
-                  {"index", std::to_string(v.index)},
-                  {"node", v.node}},
-                 1);
+    Labels on = labels(v);
+    on.emplace_back("node", v.node);
+    where.sample(on, 1);
   }
 }
 
@@ -147,105 +179,163 @@ std::string labelValue(const std::string& raw) {
   return out;
 }
 
-std::string exposition(const tovtools::Snapshot* snapshot, double seconds,
-                       const Totals& totals) {
+std::string clusterExposition(const tovtools::Snapshot* snapshot,
+                              double seconds) {
   std::ostringstream out;
   Family(out, "tov_up", "gauge",
          "Whether this scrape read the cluster information through one of "
-         "the nodes given.")
+         "the entry nodes given.")
       .sample(snapshot != nullptr ? 1 : 0);
-  if (snapshot != nullptr) clusterSeries(out, *snapshot);
+  if (snapshot != nullptr) {
+    clusterSeries(out, *snapshot);
+    nodeSeries(out, *snapshot);
+    serviceSeries(out, *snapshot);
+  }
   Family(out, "tov_scrape_duration_seconds", "gauge",
-         "How long this scrape took to take its snapshot of the cluster.")
+         "How long this scrape took, its wait for its turn included.")
       .sample(seconds);
-  Family(out, "tov_scrapes_total", "counter",
-         "Snapshots of the cluster taken for scrapes.")
-      .sample(static_cast<double>(totals.scrapes));
-  Family(out, "tov_exchanges_total", "counter",
-         "Information requests and node probes sent to daemons.")
-      .sample(static_cast<double>(totals.exchanges));
+  return out.str();
+}
+
+std::string ownExposition(const BuildInfo& build,
+                          const std::map<std::string, Totals>& totals) {
+  std::ostringstream out;
+  Family(out, "tov_exporter_build_info", "gauge",
+         "The version of the exporter and the commit it was built from.")
+      .sample({{"version", build.version}, {"revision", build.revision}}, 1);
+  Family scrapes(out, "tov_scrapes_total", "counter",
+                 "Snapshots of the target's cluster taken for scrapes.");
+  for (const auto& t : totals) {
+    scrapes.sample({{"target", t.first}},
+                   static_cast<double>(t.second.scrapes));
+  }
+  Family exchanges(out, "tov_exchanges_total", "counter",
+                   "Information requests and node probes sent to the "
+                   "target's daemons.");
+  for (const auto& t : totals) {
+    exchanges.sample({{"target", t.first}},
+                     static_cast<double>(t.second.exchanges));
+  }
   Family errors(out, "tov_scrape_errors_total", "counter",
-                "Attempts to read the cluster information that failed, by "
-                "result code.");
-  for (const auto& e : totals.errors) {
-    errors.sample({{"code", e.first.first}, {"name", e.first.second}},
-                  static_cast<double>(e.second));
+                "Attempts to read the target's cluster information that "
+                "failed, by result code.");
+  for (const auto& t : totals) {
+    for (const auto& e : t.second.errors) {
+      errors.sample({{"target", t.first},
+                     {"code", e.first.first},
+                     {"name", e.first.second}},
+                    static_cast<double>(e.second));
+    }
   }
   return out.str();
 }
 
-std::string Scraper::scrape(double deadline) {
+std::string Scraper::scrape(const Target& target, double seconds) {
+  const auto begun = Clock::now();
+  tovtools::Deadline deadline(seconds);
+  deadline.start();
+  const auto until = begun + deadline.remaining();
   std::unique_lock<std::mutex> lock(mu_);
-  if (busy_) {
-    // Serve the snapshot being taken, if it ends in time.
-    const std::uint64_t seen = generation_;
-    const auto until =
-        Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                           std::chrono::duration<double>(deadline));
-    if (done_.wait_until(lock, until, [&] { return generation_ != seen; })) {
-      return last_;
+  // The turn, or the snapshot of this target that another scrape takes.
+  if (turn_.wait_until(lock, until, [&] {
+        return !current_ || current_->target == target.name;
+      })) {
+    if (current_) {
+      const std::shared_ptr<Flight> joined = current_;
+      if (turn_.wait_until(lock, until, [&] { return joined->done; })) {
+        return joined->text;
+      }
+    } else {
+      current_ = std::make_shared<Flight>();
+      current_->target = target.name;
+      const std::shared_ptr<Flight> mine = current_;
+      lock.unlock();
+      std::string text;
+      try {
+        text = take(target, deadline, begun);
+      } catch (...) {
+        // Whatever ended the snapshot (no memory, say), the scrape gets an
+        // answer and the turn passes on.
+        text = clusterExposition(nullptr, 0);
+      }
+      lock.lock();
+      mine->text = text;
+      mine->done = true;
+      current_.reset();
+      turn_.notify_all();
+      return text;
     }
-    ++totals_.errors[{"deadline", "deadline"}];
-    return exposition(nullptr, deadline, totals_);
   }
-  busy_ = true;
-  lock.unlock();
-  std::string text;
-  try {
-    text = take(deadline);
-  } catch (...) {
-    lock.lock();
-    busy_ = false;
-    done_.notify_all();
-    throw;
-  }
-  lock.lock();
-  last_ = text;
-  ++generation_;
-  busy_ = false;
-  done_.notify_all();
-  return text;
+  ++totalsOf(target.name).errors[kDeadline];
+  return clusterExposition(
+      nullptr, std::chrono::duration<double>(Clock::now() - begun).count());
 }
 
-// Runs with `busy_` set: the only thread in the library.
-std::string Scraper::take(double deadlineSeconds) {
-  const auto begun = Clock::now();
-  tovtools::Deadline deadline(deadlineSeconds);
+std::string Scraper::own(const BuildInfo& build) {
+  std::lock_guard<std::mutex> lock(mu_);
+  return ownExposition(build, totals_);
+}
+
+Totals& Scraper::totalsOf(const std::string& target) {
+  auto found = totals_.find(target);
+  if (found == totals_.end()) {
+    if (totals_.size() >= kMaxTargets) {
+      auto oldest = totals_.end();
+      for (auto it = totals_.begin(); it != totals_.end(); ++it) {
+        if (it->first == pinned_) continue;
+        if (oldest == totals_.end() ||
+            it->second.lastUse < oldest->second.lastUse) {
+          oldest = it;
+        }
+      }
+      if (oldest != totals_.end()) totals_.erase(oldest);
+    }
+    found = totals_.emplace(target, Totals{}).first;
+  }
+  found->second.lastUse = ++uses_;
+  return found->second;
+}
+
+// Runs with the turn: the only thread in the library.
+std::string Scraper::take(const Target& target, tovtools::Deadline& deadline,
+                          Clock::time_point begun) {
   tovtools::Snapshot snap;
-  bool up = false;
   Totals counted;
   {
     // The library's diagnostics are not the exporter's output: below level
-    // 1 they are withheld.
-    std::ostringstream quiet;
-    std::streambuf* const saved = tov1::tovDebug.getDebugLevel() > 0
-                                      ? nullptr
-                                      : std::cerr.rdbuf(quiet.rdbuf());
-    tovtools::SnapshotOptions so;
-    for (const Target& t : targets_) so.entries.push_back({t.host, t.port});
-    snap = tovtools::takeSnapshot(so, deadline);
-    counted.exchanges += snap.exchanges;
-    up = snap.ok();
-    for (const tovtools::EntryAttempt& a : snap.entries) {
-      if (a.answered()) continue;
-      if (a.expired) {
-        ++counted.errors[{"deadline", "deadline"}];
-      } else {
-        ++counted.errors[{std::to_string(a.code), tovtools::codeName(a.code)}];
+    // 1 they are withheld, and standard error is given back however the
+    // snapshot ends.
+    struct Quiet {
+      std::ostringstream sink;
+      std::streambuf* saved = tov1::tovDebug.getDebugLevel() > 0
+                                  ? nullptr
+                                  : std::cerr.rdbuf(sink.rdbuf());
+      ~Quiet() {
+        if (saved != nullptr) std::cerr.rdbuf(saved);
       }
-    }
-    if (snap.entries.empty() && snap.expired) {
-      ++counted.errors[{"deadline", "deadline"}];
-    }
-    if (saved != nullptr) std::cerr.rdbuf(saved);
+    } quiet;
+    tov1::tovNet.setTimeout(static_cast<float>(target.timeout));
+    tovtools::SnapshotOptions so;
+    so.entries = target.entries;
+    snap = tovtools::takeSnapshot(so, deadline);
   }
+  for (const tovtools::EntryAttempt& a : snap.entries) {
+    if (a.answered()) continue;
+    ++counted.errors[a.expired ? kDeadline
+                               : std::make_pair(std::to_string(a.code),
+                                                tovtools::codeName(a.code))];
+  }
+  if (snap.entries.empty() && snap.expired) ++counted.errors[kDeadline];
   const double seconds =
       std::chrono::duration<double>(Clock::now() - begun).count();
-  std::lock_guard<std::mutex> lock(mu_);
-  ++totals_.scrapes;
-  totals_.exchanges += counted.exchanges;
-  for (const auto& e : counted.errors) totals_.errors[e.first] += e.second;
-  return exposition(up ? &snap : nullptr, seconds, totals_);
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    Totals& totals = totalsOf(target.name);
+    ++totals.scrapes;
+    totals.exchanges += snap.exchanges;
+    for (const auto& e : counted.errors) totals.errors[e.first] += e.second;
+  }
+  return clusterExposition(snap.ok() ? &snap : nullptr, seconds);
 }
 
 }  // namespace tovexporter
