@@ -15,7 +15,8 @@ build: deps
 	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS)
 
-# A narrated session against a simulated three-node cluster on loopback.
+# A narrated session against a simulated four-node cluster on loopback (three
+# nodes answering, one silent).
 demo: deps
 	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS) --target tovctl tovsim tovexporter

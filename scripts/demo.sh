@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A short narrated session against a simulated three-node cluster on
-# loopback. Usage: scripts/demo.sh BUILD_DIR
+# A short narrated session against a simulated four-node cluster on
+# loopback (three nodes answering, one silent). Usage: scripts/demo.sh BUILD_DIR
 # Nothing leaves the machine: discovery is aimed at 127.0.0.1, never
 # broadcast, and the simulator stops when the demo ends.
 # A step that should succeed and fails ends the demo with a message naming
@@ -152,9 +152,9 @@ kill "$stalled_pid"
 wait "$stalled_pid" 2>/dev/null || true
 
 say "The cluster as Prometheus metrics: tovexporter on 127.0.0.1, a fresh snapshot per scrape"
-printf '$ %s\n' "tovexporter --listen 127.0.0.1:0 --ready-file $work/exporter -H 127.0.0.1:$port &"
+printf '$ %s\n' "tovexporter --listen 127.0.0.1:0 --ready-file $work/exporter -H 127.0.0.1:$port --config $work/clusters.toml &"
 "$tovexporter" --listen 127.0.0.1:0 --ready-file "$work/exporter" \
-  -H "127.0.0.1:$port" 2>"$work/exporter.log" &
+  -H "127.0.0.1:$port" --config "$work/clusters.toml" 2>"$work/exporter.log" &
 exporter_pid=$!
 for _ in $(seq 200); do
   [[ -s $work/exporter ]] && break
@@ -176,6 +176,17 @@ grep -E "$shown" "$work/metrics" || true
 grep -qx 'tov_up 1' "$work/metrics" ||
   die "step \"$step\" failed: the exporter could not read the cluster (tov_up is not 1)"
 echo "($(grep -vc '^#' "$work/metrics") samples in all)"
+# One exporter serves any number of clusters: /probe by entry nodes or by
+# the name the clusters file gives, as Prometheus's relabelling asks it.
+probe=http://127.0.0.1:$(cat "$work/exporter")/probe
+for query in "target=127.0.0.4:$port,127.0.0.1:$port" "cluster=demo"; do
+  printf '$ %s\n' "curl -s '$probe?$query' | grep -E '^tov_(up|cluster_info)'"
+  curl -sS --max-time 20 -o "$work/probe" "$probe?$query" ||
+    die "step \"$step\" failed: curl $probe?$query failed"
+  grep -E '^tov_(up|cluster_info)' "$work/probe" || true
+  grep -qx 'tov_up 1' "$work/probe" ||
+    die "step \"$step\" failed: /probe?$query could not read the cluster"
+done
 kill "$exporter_pid"
 for _ in $(seq 100); do
   kill -0 "$exporter_pid" 2>/dev/null || break
