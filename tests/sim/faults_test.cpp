@@ -42,7 +42,7 @@ TEST(SimFaults, BusyFaultLetterAndCommandLine) {
       << "poll time from the command line";
 }
 
-TEST(SimFaults, ShortOrNoSalt) {
+TEST(SimFaults, ShortSplitOrNoSalt) {
   SimProcess shorter(faulty({"--short-salt", "3"}));
   Socket s = connectTcp("127.0.0.1", shorter.port());
   std::string seen = readSome(s.fd, 3);
@@ -53,6 +53,17 @@ TEST(SimFaults, ShortOrNoSalt) {
   sendAll(s.fd, frame("G 0", authLine(kUser, kPass, seen, "G 0")));
   EXPECT_EQ(letterOf(readToClose(s.fd).bytes), 'a')
       << "no salt byte after the third";
+
+  // Split: four bytes, the rest after the pause; the digest is checked
+  // against the whole salt.
+  SimProcess split(faulty({"--split-salt", "300", "--salt", "0badc0de"}));
+  Socket t = connectTcp("127.0.0.1", split.port());
+  const auto begun = Clock::now();
+  EXPECT_EQ(readSome(t.fd, 8, 150), "0bad");
+  EXPECT_EQ(readSome(t.fd, 4), "c0de");
+  EXPECT_GE(msSince(begun), 250);
+  sendAll(t.fd, frame("G 0", authLine(kUser, kPass, "0badc0de", "G 0")));
+  EXPECT_EQ(letterOf(readToClose(t.fd).bytes), 'a');
 
   SimProcess none(faulty({"--no-salt"}));
   const Got g = readFor(connectTcp("127.0.0.1", none.port()).fd, 8, 5000);

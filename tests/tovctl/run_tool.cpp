@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -40,85 +41,88 @@ bool drain(int fd, std::string& sink) {
   return got > 0 || (got < 0 && errno == EINTR);
 }
 
-}  // namespace
-
-Outcome runTovctl(const std::vector<std::string>& args,
-                  const RunOptions& opts) {
-  // Made before fork, which only exec-safe calls follow; all descriptors are
-  // close-on-exec, so that parallel runs do not hold each other's pipes.
-  std::vector<std::string> store{TOVCTL_PATH};
-  store.insert(store.end(), args.begin(), args.end());
-  store.insert(store.end(), opts.env.begin(), opts.env.end());
+// argv and envp for execve, made before fork, which only exec-safe calls
+// follow.
+struct Exec {
+  std::vector<std::string> store;
   std::vector<char*> argv, envp;
-  for (std::size_t i = 0; i < store.size(); ++i) {
-    (i <= args.size() ? argv : envp).push_back(store[i].data());
+};
+
+void prepare(Exec& x, const std::string& path,
+             const std::vector<std::string>& args, const RunOptions& opts) {
+  x.store = {path};
+  x.store.insert(x.store.end(), args.begin(), args.end());
+  x.store.insert(x.store.end(), opts.env.begin(), opts.env.end());
+  for (std::size_t i = 0; i < x.store.size(); ++i) {
+    (i <= args.size() ? x.argv : x.envp).push_back(x.store[i].data());
   }
-  argv.push_back(nullptr);
+  x.argv.push_back(nullptr);
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string name = std::string(*e, std::strcspn(*e, "=")) + "=";
     bool replaced = false;
     for (const std::string& v : opts.env) replaced |= v.rfind(name, 0) == 0;
-    if (!replaced) envp.push_back(*e);
+    if (!replaced) x.envp.push_back(*e);
   }
-  envp.push_back(nullptr);
+  x.envp.push_back(nullptr);
+}
 
-  // [0] of in and [1] of out and err are the child's; on a terminal, the
-  // slave is all three and the master (out[0]) the parent's one end.
+// [0] of in and [1] of out and err are the child's; on a terminal, the
+// slave is all three and the master (out[0]) the parent's one end. All are
+// close-on-exec, so that parallel runs do not hold each other's pipes.
+struct Ends {
   int in[2] = {-1, -1}, out[2] = {-1, -1}, err[2] = {-1, -1};
-  if (opts.terminal) {
+};
+
+Ends openEnds(bool terminal) {
+  Ends e;
+  if (terminal) {
     char name[128];
-    out[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    check(out[0] >= 0 && grantpt(out[0]) == 0 && unlockpt(out[0]) == 0 &&
-              ptsname_r(out[0], name, sizeof name) == 0,
+    e.out[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    check(e.out[0] >= 0 && grantpt(e.out[0]) == 0 && unlockpt(e.out[0]) == 0 &&
+              ptsname_r(e.out[0], name, sizeof name) == 0,
           "pseudo-terminal");
-    in[0] = out[1] = err[1] = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    check(in[0] >= 0, "terminal slave");
+    e.in[0] = e.out[1] = e.err[1] = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    check(e.in[0] >= 0, "terminal slave");
   } else {
-    check(pipe2(in, O_CLOEXEC) == 0 && pipe2(out, O_CLOEXEC) == 0 &&
-              pipe2(err, O_CLOEXEC) == 0,
+    check(pipe2(e.in, O_CLOEXEC) == 0 && pipe2(e.out, O_CLOEXEC) == 0 &&
+              pipe2(e.err, O_CLOEXEC) == 0,
           "pipe");
   }
-  const int slave = in[0];
+  return e;
+}
 
-  const auto started = Clock::now();
+pid_t startChild(const Exec& x, const Ends& e, const RunOptions& opts) {
   const pid_t pid = fork();
   check(pid >= 0, "fork");
-  if (pid == 0) {
-    if (opts.terminal && (setsid() < 0 || ioctl(slave, TIOCSCTTY, 0) < 0)) {
-      _exit(127);
-    }
-    const bool noInput = !opts.terminal && opts.input.empty();
-    dup2(noInput ? open("/dev/null", O_RDONLY) : in[0], 0);
-    dup2(out[1], 1);
-    dup2(err[1], 2);
-    if (opts.addressSpaceKb > 0) {
-      const rlim_t bytes = static_cast<rlim_t>(opts.addressSpaceKb) * 1024;
-      const rlimit lim{bytes, bytes};
-      setrlimit(RLIMIT_AS, &lim);
-    }
-    execve(argv[0], argv.data(), envp.data());
+  if (pid != 0) return pid;
+  if (opts.terminal && (setsid() < 0 || ioctl(e.in[0], TIOCSCTTY, 0) < 0)) {
     _exit(127);
   }
-
-  Outcome r;
-  // poll() passes over the terminal's missing error end (-1).
-  std::vector<pollfd> fds{{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* const sinks[] = {&r.out, &r.err};
-  if (!opts.terminal) {
-    for (const int fd : {in[0], out[1], err[1]}) close(fd);
-    if (write(in[1], opts.input.data(), opts.input.size()) < 0)
-      r.err = "<input not written>";
-    close(in[1]);
+  const bool noInput = !opts.terminal && opts.input.empty();
+  dup2(noInput ? open("/dev/null", O_RDONLY) : e.in[0], 0);
+  dup2(e.out[1], 1);
+  dup2(e.err[1], 2);
+  if (opts.addressSpaceKb > 0) {
+    const rlim_t bytes = static_cast<rlim_t>(opts.addressSpaceKb) * 1024;
+    const rlimit lim{bytes, bytes};
+    setrlimit(RLIMIT_AS, &lim);
   }
+  execve(x.argv[0], x.argv.data(), x.envp.data());
+  _exit(127);
+}
 
+// Reads what the child prints until its ends close (on a terminal: until
+// it has ended), typing the steps, then reaps it.
+void collect(pid_t pid, std::vector<pollfd>& fds, const RunOptions& opts,
+             Clock::time_point started, Outcome& r) {
+  std::string* const sinks[] = {&r.out, &r.err};
   std::vector<Step> steps;
   if (!opts.type.empty()) steps.push_back({opts.waitFor, nullptr, opts.type});
   steps.insert(steps.end(), opts.steps.begin(), opts.steps.end());
   std::size_t step = 0, seen = 0;  // seen: where the next text is looked for
   bool exited = false;
   int st = 0;
-  // A terminal's master never reports end of file while the slave is open
-  // here, so the loop also ends when the child has ended.
+  rusage usage{};
   for (std::size_t live = opts.terminal ? 1 : 2; live > 0 && !exited;) {
     if (Clock::now() > started + std::chrono::seconds(opts.limitSec)) {
       kill(pid, SIGKILL);
@@ -144,22 +148,53 @@ Outcome runTovctl(const std::vector<std::string>& args,
         step = steps.size();
       }
     }
-    if (opts.terminal) exited = waitpid(pid, &st, WNOHANG) == pid;
+    // A terminal's master never reports end of file while the slave is
+    // open here.
+    if (opts.terminal) exited = wait4(pid, &st, WNOHANG, &usage) == pid;
   }
-  while (!exited && waitpid(pid, &st, 0) < 0 && errno == EINTR) {
+  while (!exited && wait4(pid, &st, 0, &usage) < 0 && errno == EINTR) {
   }
+  r.maxRssKb = usage.ru_maxrss;
   r.seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+  r.signal = WIFSIGNALED(st) ? WTERMSIG(st) : 0;
+}
+
+}  // namespace
+
+Outcome runTovctl(const std::vector<std::string>& args,
+                  const RunOptions& opts) {
+  return runProgram(TOVCTL_PATH, args, opts);
+}
+
+Outcome runProgram(const std::string& path,
+                   const std::vector<std::string>& args,
+                   const RunOptions& opts) {
+  Exec x;
+  prepare(x, path, args, opts);
+  Ends e = openEnds(opts.terminal);
+  const auto started = Clock::now();
+  const pid_t pid = startChild(x, e, opts);
+
+  Outcome r;
+  // poll() passes over the terminal's missing error end (-1).
+  std::vector<pollfd> fds{{e.out[0], POLLIN, 0}, {e.err[0], POLLIN, 0}};
+  if (!opts.terminal) {
+    for (const int fd : {e.in[0], e.out[1], e.err[1]}) close(fd);
+    if (write(e.in[1], opts.input.data(), opts.input.size()) < 0)
+      r.err = "<input not written>";
+    close(e.in[1]);
+  }
+  collect(pid, fds, opts, started, r);
   if (opts.terminal) {
     // Whatever the run left on the terminal, then its settings.
     while (poll(fds.data(), 1, 50) > 0 && drain(fds[0].fd, r.out)) {
     }
     termios t{};
-    r.echoOn = tcgetattr(slave, &t) == 0 && (t.c_lflag & ECHO) != 0;
-    close(slave);
+    r.echoOn = tcgetattr(e.in[0], &t) == 0 && (t.c_lflag & ECHO) != 0;
+    close(e.in[0]);
   }
   for (const pollfd& f : fds) close(f.fd);  // -1 for those already closed
-  r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-  r.signal = WIFSIGNALED(st) ? WTERMSIG(st) : 0;
   return r;
 }
 

@@ -1,4 +1,5 @@
-// Runs the built tovctl as a user would and collects what it printed.
+// Runs the built tovctl (or another of the tools) as a user would and
+// collects what it printed.
 #ifndef TESTS_TOVCTL_RUN_TOOL_H
 #define TESTS_TOVCTL_RUN_TOOL_H
 
@@ -14,6 +15,7 @@ struct Outcome {
   std::string out;  // on a terminal: everything the terminal showed
   std::string err;
   double seconds = 0;  // how long it ran
+  long maxRssKb = 0;   // its peak resident memory (VmHWM), from wait4()
   bool echoOn = true;  // on a terminal: echo was on again afterwards
 };
 
@@ -41,6 +43,9 @@ struct RunOptions {
 // Safe to call from several threads at once.
 Outcome runTovctl(const std::vector<std::string>& args,
                   const RunOptions& opts = {});
+Outcome runProgram(const std::string& path,
+                   const std::vector<std::string>& args,
+                   const RunOptions& opts = {});
 
 // The lines of a text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);

@@ -167,9 +167,9 @@ bool hexDigest(const std::string& hex, std::array<unsigned char, 32>& out) {
 void parseFaults(const json& f, Faults& out) {
   const std::string w = "faults";
   onlyKeys(f, w,
-           {"busy", "short_salt", "no_salt", "late_salt", "reply_delay",
-            "chunk", "chunk_pause", "cut_after", "reset_after", "pad_to",
-            "fault_letter", "udp_answers"});
+           {"busy", "short_salt", "no_salt", "late_salt", "split_salt", "salt",
+            "reply_delay", "chunk", "chunk_pause", "cut_after", "reset_after",
+            "pad_to", "fault_letter", "udp_answers"});
   const long long maxMs = kMaxDelayMs;
   out.busy = static_cast<int>(getInt(f, w, "busy", out.busy, 0, 1000000));
   out.shortSalt =
@@ -177,6 +177,12 @@ void parseFaults(const json& f, Faults& out) {
   out.noSalt = getBool(f, w, "no_salt", out.noSalt);
   out.lateSaltMs =
       static_cast<int>(getInt(f, w, "late_salt", out.lateSaltMs, 0, maxMs));
+  out.splitSaltMs =
+      static_cast<int>(getInt(f, w, "split_salt", out.splitSaltMs, 0, maxMs));
+  out.salt = getString(f, w, "salt", out.salt, true);
+  if (!out.salt.empty() && !validSalt(out.salt)) {
+    fail(w + ".salt", "expected 8 hex digits (0-9, a-f)");
+  }
   out.replyDelayMs =
       static_cast<int>(getInt(f, w, "reply_delay", out.replyDelayMs, 0, maxMs));
   out.chunkBytes =
@@ -278,12 +284,18 @@ UdpAnswer parseUdpAnswer(const std::string& text) {
   return a;
 }
 
+bool validSalt(const std::string& salt) {
+  return salt.size() == 8 &&
+         salt.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
 void checkFaults(const Faults& f) {
   if (f.busy < 0) throw ConfigError("busy: must not be negative");
   if (f.shortSalt < -1 || f.shortSalt > 7) {
     throw ConfigError("short salt: must be between 0 and 7 bytes");
   }
-  if (f.lateSaltMs < 0 || f.replyDelayMs < 0 || f.chunkPauseMs < 0) {
+  if (f.lateSaltMs < 0 || f.splitSaltMs < 0 || f.replyDelayMs < 0 ||
+      f.chunkPauseMs < 0) {
     throw ConfigError("delays must not be negative");
   }
   if (f.chunkBytes < 0) throw ConfigError("chunk: must not be negative");
@@ -291,6 +303,9 @@ void checkFaults(const Faults& f) {
     throw ConfigError("cut/reset: byte counts must not be negative");
   }
   if (f.padTo < 0) throw ConfigError("pad: must not be negative");
+  if (!f.salt.empty() && !validSalt(f.salt)) {
+    throw ConfigError("salt: expected 8 hex digits (0-9, a-f)");
+  }
   if (f.udpAnswers.size() > kMaxUdpAnswers) {
     throw ConfigError("discovery answers: at most " +
                       std::to_string(kMaxUdpAnswers) + " datagrams per probe");

@@ -63,10 +63,14 @@ constexpr long kMaxPad = 256L * 1024 * 1024;
 
 // Misbehaviour on purpose. Negative sizes mean "off".
 struct Faults {
-  int busy = 0;          // answer the first N requests with 'k'
-  int shortSalt = -1;    // send only the first N bytes of the salt
-  bool noSalt = false;   // close right after accept
-  int lateSaltMs = 0;    // wait before sending the salt
+  int busy = 0;         // answer the first N requests with 'k'
+  int shortSalt = -1;   // send only the first N bytes of the salt
+  bool noSalt = false;  // close right after accept
+  int lateSaltMs = 0;   // wait before sending the salt
+  int splitSaltMs = 0;  // send the salt in two segments, this far apart
+  // "" for a fresh random salt on every connection; else these 8 lowercase
+  // hex digits, so that what a client makes of a salt fault is repeatable.
+  std::string salt;
   int replyDelayMs = 0;  // wait before sending the reply
   int chunkBytes = 0;    // write the reply in pieces of this size
   int chunkPauseMs = 0;  // pause between the pieces
@@ -153,6 +157,9 @@ std::vector<std::size_t> listenNodes(const Config& cfg,
 
 // Validates one fault setting given on the command line or in the file.
 void checkFaults(const Faults& f);
+
+// Whether a fixed salt is 8 lowercase hex digits.
+bool validSalt(const std::string& salt);
 
 // Decodes \n, \r, \t, \\ and \xNN (two hex digits, any byte), so that a
 // text can carry bytes that JSON or a command line cannot. Throws

@@ -581,6 +581,41 @@ bool Server::readFrame(int fd, const std::string& peer, std::string& content) {
   }
 }
 
+bool Server::sendSalt(int fd, const std::string& peer, std::string& seen) {
+  const Faults& f = daemon_.config().faults;
+  if (f.noSalt) {
+    TOVSIM_LOG(1, peer << ": closing without a salt (fault)");
+    return false;
+  }
+  if (f.lateSaltMs > 0 && !pause(f.lateSaltMs, fd)) return false;
+  std::string salt;
+  try {
+    salt = f.salt.empty() ? makeSalt() : f.salt;
+  } catch (const std::exception& e) {
+    logLine(0, peer + ": " + e.what());
+    return false;
+  }
+  std::string sent = salt;
+  if (f.shortSalt >= 0)
+    sent = salt.substr(0, static_cast<std::size_t>(f.shortSalt));
+  // What the client works with: the bytes it got, zero-filled to 8.
+  seen = sent;
+  seen.resize(8, '\0');
+  TOVSIM_LOG(2, peer << ": salt \"" << printable(sent) << "\"");
+  // A split salt reaches the client in two segments: its first four bytes,
+  // then, after the pause, the rest. The digest is still checked against
+  // the whole salt, as the daemon knows it.
+  const std::size_t first =
+      f.splitSaltMs > 0 ? std::min<std::size_t>(4, sent.size()) : sent.size();
+  bool sentAll = writeAll(fd, sent.data(), first);
+  if (sentAll && first < sent.size()) {
+    if (!pause(f.splitSaltMs, fd)) return false;
+    sentAll = writeAll(fd, sent.data() + first, sent.size() - first);
+  }
+  if (!sentAll) logLine(0, sysError(peer + ": sending the salt failed"));
+  return sentAll;
+}
+
 void Server::serve(int fd, std::size_t idx, const std::string& peer) {
   const Faults& f = daemon_.config().faults;
   TOVSIM_LOG(2, "connection from " << peer << " on " << opts_.listen[idx]);
@@ -589,30 +624,8 @@ void Server::serve(int fd, std::size_t idx, const std::string& peer) {
     ~Closer() { close(fd); }
   } closer{fd};
 
-  if (f.noSalt) {
-    TOVSIM_LOG(1, peer << ": closing without a salt (fault)");
-    return;
-  }
-  if (f.lateSaltMs > 0 && !pause(f.lateSaltMs, fd)) return;
-
-  std::string salt;
-  try {
-    salt = makeSalt();
-  } catch (const std::exception& e) {
-    logLine(0, peer + ": " + e.what());
-    return;
-  }
-  std::string sent = salt;
-  if (f.shortSalt >= 0)
-    sent = salt.substr(0, static_cast<std::size_t>(f.shortSalt));
-  // What the client works with: the bytes it got, zero-filled to 8.
-  std::string seen = sent;
-  seen.resize(8, '\0');
-  TOVSIM_LOG(2, peer << ": salt \"" << printable(sent) << "\"");
-  if (!writeAll(fd, sent.data(), sent.size())) {
-    logLine(0, sysError(peer + ": sending the salt failed"));
-    return;
-  }
+  std::string seen;
+  if (!sendSalt(fd, peer, seen)) return;
 
   std::string content;
   if (!readFrame(fd, peer, content)) return;

@@ -72,6 +72,9 @@ class Server {
   bool readMute(MuteConn& m);
   void answerProbe(std::size_t idx);
   void serve(int fd, std::size_t idx, const std::string& peer);
+  // Sends the salt as the salt faults say; `seen` is what a client that
+  // reads all of it works with. False when the connection is to end.
+  bool sendSalt(int fd, const std::string& peer, std::string& seen);
   bool readFrame(int fd, const std::string& peer, std::string& content);
   bool writeAll(int fd, const char* p, std::size_t n);
   int waitFd(int fd, short events, Clock::time_point deadline);
