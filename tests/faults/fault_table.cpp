@@ -32,6 +32,11 @@ const std::string kAwaitReply =
 const std::string kRecvError =
     "TOVNet::tovcomms(): recv() command reported an error [";
 const std::string kBusySays = "; the daemon says \"daemon busy\"";
+// The cache's line when the information reply does not start as one.
+const Expect kNoInformation{
+    TOV_SVC_INVALID,
+    "TOVNetCache::refreshCache(): daemon at {addr}:{port} sent no cluster "
+    "information ["};
 
 // tovctl's one line for a failure: what it was doing, why (for a library
 // code its text and name, for the deadline nothing), then `more`.
@@ -46,6 +51,7 @@ Expect tool(const std::string& doing, int code, std::string more = "") {
       {TOV_COMMS_BUSY, "daemon busy (TOV_COMMS_BUSY"},
       {TOV_COMMS_FAIL, "daemon refused or failed the request (TOV_COMMS_FAIL"},
       {TOV_SOCK_CONNECT, "cannot connect (TOV_SOCK_CONNECT"},
+      {TOV_NO_DATA, "no data (TOV_NO_DATA"},
   };
   if (code != kExitDeadline)
     more = why.at(code) + ", code " + std::to_string(code) + ")" + more;
@@ -70,6 +76,21 @@ std::vector<Fault> faultTable() {
       tool(kList, TOV_COMMS_SALT), tool(kSend, TOV_COMMS_SALT));
   // Five bytes instead of eight: both ends pad with NULs, so it works.
   add("short_salt", {"--short-salt", "5"}, kOk, kOk, kBounced, kBounceReply);
+  // The salt in two segments: the client's one receive takes the first
+  // four bytes for the salt, the signature is wrong and the daemon refuses,
+  // and the rest of the salt ("c0de") leads the reply, whose letter is then
+  // read from it: '0' is no letter.
+  Fault* r = &add("split_salt", {"--split-salt", "200", "--salt", "0badc0de"},
+                  kOk, kNoInformation, tool(kList, TOV_COMMS_BADRESPONSE),
+                  tool(kSend, TOV_COMMS_BADRESPONSE,
+                       "; the daemon says \"deBd authentication failed\""));
+  r->replyStatus = TOV_COMMS_BADRESPONSE;
+  r->replyLength = 29;
+  // With "5afe" the letter read is 'a': the refusal reads as a success.
+  r = &add("split_salt_read_as_success",
+           {"--split-salt", "200", "--salt", "0bad5afe"}, kOk, kNoInformation,
+           tool(kList, TOV_NO_DATA), {0, "5afeBd authentication failed"});
+  r->replyLength = 29;
   add("late_salt", {"--late-salt", "1500"},
       {TOV_SOCK_TIMEOUT,
        "TOVNet::tovcomms(): network timed out connecting to {addr}:{port}"},
@@ -81,10 +102,10 @@ std::vector<Fault> faultTable() {
       {"--pad-to", "400", "--chunk", "3", "--chunk-pause", "1"}, kOk, kOk,
       kBounced, kBounceReply)
       .replyLength = 399;
-  Fault* r = &add(
-      "reply_cut_before_letter", {"--cut-after", "1", "--fault-letter", "B"},
-      kOk, {TOV_COMMS_BADRESPONSE, ""}, tool(kBounce, TOV_COMMS_BADRESPONSE),
-      tool(kSend, TOV_COMMS_BADRESPONSE));
+  r = &add("reply_cut_before_letter",
+           {"--cut-after", "1", "--fault-letter", "B"}, kOk,
+           {TOV_COMMS_BADRESPONSE, ""}, tool(kBounce, TOV_COMMS_BADRESPONSE),
+           tool(kSend, TOV_COMMS_BADRESPONSE));
   r->replyStatus = TOV_COMMS_BADRESPONSE;
   r->replyLength = 1;
   // Only a close ends a reply, so the exchange hands the stump over as a

@@ -1,11 +1,18 @@
 #include "codes.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
 #include <iomanip>
 #include <iostream>
 #include <limits>
 #include <map>
+#include <mutex>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <utility>
 
 #include "common/codenames.h"
 #include "common/deadline.h"
@@ -58,30 +65,70 @@ const std::map<int, const char*>& advice() {
 }
 
 bool jsonOutput = false;
+// The deadline's watchdog reads these while the program's thread runs.
+std::mutex reportMu;
 nlohmann::json targetHost = nullptr;
 nlohmann::json targetPort = nullptr;
+std::string activityText;
+std::streambuf* standardOut = nullptr;
+std::streambuf* standardErr = nullptr;
 
-// One line on standard error; daemon text inside it is shown escaped, so
-// the line stays one line and a terminal is never driven by it.
-void showLine(const std::string& message) {
-  std::cerr << prefix() << tovtools::escapeControls(message, false)
-            << std::endl;
+// A failure as printed: the line for standard error and, with JSON
+// output, the document for standard output ("" without).
+struct Composed {
+  std::string line;
+  std::string json;
+};
+
+// Daemon text inside the line is shown escaped, so the line stays one line
+// and a terminal is never driven by it.
+Composed compose(const std::string& message, int status, nlohmann::json error,
+                 nlohmann::json partial) {
+  Composed c;
+  c.line = prefix() + tovtools::escapeControls(message, false) + "\n";
+  if (!jsonOutput) return c;
+  nlohmann::json doc =
+      partial.is_object() ? std::move(partial) : nlohmann::json::object();
+  error["message"] = message;
+  error["exit_status"] = status;
+  {
+    std::lock_guard<std::mutex> lock(reportMu);
+    error["host"] = targetHost;
+    error["port"] = targetPort;
+  }
+  doc["error"] = std::move(error);
+  c.json = tovtools::jsonText(doc) + "\n";
+  return c;
 }
 
 int finish(const std::string& message, int status, nlohmann::json error,
-           const nlohmann::json& partial) {
-  showLine(message);
-  if (jsonOutput) {
-    nlohmann::json doc =
-        partial.is_object() ? partial : nlohmann::json::object();
-    error["message"] = message;
-    error["exit_status"] = status;
-    error["host"] = targetHost;
-    error["port"] = targetPort;
-    doc["error"] = error;
-    std::cout << tovtools::jsonText(doc) << std::endl;
-  }
+           nlohmann::json partial) {
+  const Composed c =
+      compose(message, status, std::move(error), std::move(partial));
+  std::cerr << c.line << std::flush;
+  if (!c.json.empty()) std::cout << c.json << std::flush;
   return status;
+}
+
+// Past the streams, for when they cannot be trusted.
+void writeAll(int fd, const char* text, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t n = ::write(fd, text + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+std::string currentActivity() {
+  std::lock_guard<std::mutex> lock(reportMu);
+  return activityText.empty() ? "the command" : activityText;
+}
+
+std::string deadlineMessage(const std::string& what, double seconds,
+                            const std::string& waiting) {
+  return what + " failed: deadline of " + tovtools::secondsText(seconds) +
+         " s expired while " + waiting;
 }
 
 nlohmann::json codeJson(int code) {
@@ -119,12 +166,23 @@ int exitStatusFor(int result) {
 void setJsonOutput(bool on) { jsonOutput = on; }
 
 void setTarget(const std::string& host, int port) {
+  std::lock_guard<std::mutex> lock(reportMu);
   targetHost = host.empty() ? nlohmann::json(nullptr) : nlohmann::json(host);
   targetPort = port > 0 ? nlohmann::json(port) : nlohmann::json(nullptr);
 }
 
+void setActivity(const std::string& what) {
+  std::lock_guard<std::mutex> lock(reportMu);
+  activityText = what;
+}
+
+void noteStandardStreams() {
+  standardOut = std::cout.rdbuf();
+  standardErr = std::cerr.rdbuf();
+}
+
 int reportFailure(const std::string& what, int result,
-                  const std::string& detail, const nlohmann::json& partial) {
+                  const std::string& detail, nlohmann::json partial) {
   const int code = codeOf(result);
   const int status = exitStatusFor(result);
   std::ostringstream line;
@@ -137,18 +195,60 @@ int reportFailure(const std::string& what, int result,
   }
   if (!detail.empty()) line << "; " << detail;
   return finish(line.str(), status,
-                codeJson(status == kExitUnexpected ? -1 : code), partial);
+                codeJson(status == kExitUnexpected ? -1 : code),
+                std::move(partial));
 }
 
 int reportDeadline(const std::string& what, double seconds,
-                   const std::string& waiting, const nlohmann::json& partial) {
+                   const std::string& waiting, nlohmann::json partial) {
   nlohmann::json error = codeJson(-1);
   error["deadline"] = seconds;
   error["waiting"] = waiting;
-  return finish(what + " failed: deadline of " +
-                    tovtools::secondsText(seconds) + " s expired while " +
-                    waiting,
-                kExitDeadline, error, partial);
+  return finish(deadlineMessage(what, seconds, waiting), kExitDeadline, error,
+                std::move(partial));
+}
+
+int reportException(const std::exception* e) {
+  if (standardErr != nullptr) std::cerr.rdbuf(standardErr);
+  if (standardOut != nullptr) std::cout.rdbuf(standardOut);
+  std::cerr.clear();
+  std::cout.clear();
+  const bool outOfMemory = dynamic_cast<const std::bad_alloc*>(e) != nullptr;
+  const int status = outOfMemory ? kExitOutOfMemory : kExitUnexpected;
+  try {
+    const std::string thrown =
+        e != nullptr ? e->what() : "an exception that is not a standard one";
+    nlohmann::json error = codeJson(-1);
+    error["exception"] = thrown;
+    return finish(currentActivity() + " failed: " +
+                      (outOfMemory ? "out of memory (" + thrown + ")"
+                                   : "unexpected error: " + thrown),
+                  status, error, nullptr);
+  } catch (...) {
+    // Not even the report fits: a fixed one.
+    static const char kLine[] = "tovctl: out of memory\n";
+    static const char kJson[] =
+        "{\"error\": {\"message\": \"out of memory\", \"code\": null, "
+        "\"name\": null, \"text\": null, \"exit_status\": 97}}\n";
+    writeAll(STDERR_FILENO, kLine, sizeof kLine - 1);
+    if (jsonOutput) writeAll(STDOUT_FILENO, kJson, sizeof kJson - 1);
+    return kExitOutOfMemory;
+  }
+}
+
+void exitOnOverrun(double seconds) {
+  const std::string waiting =
+      "the library was blocked in a call that does not give up (a name "
+      "lookup?)";
+  nlohmann::json error = codeJson(-1);
+  error["deadline"] = seconds;
+  error["waiting"] = waiting;
+  const Composed c =
+      compose(deadlineMessage(currentActivity(), seconds, waiting),
+              kExitDeadline, error, nullptr);
+  writeAll(STDERR_FILENO, c.line.data(), c.line.size());
+  writeAll(STDOUT_FILENO, c.json.data(), c.json.size());
+  std::_Exit(kExitDeadline);
 }
 
 int reportUsage(const std::string& message) {
@@ -196,6 +296,7 @@ int listCodes(bool json, const std::string& which) {
                        {"exit_status",
                         {{"success", kExitOk},
                          {"result_codes", "1-89, the code itself"},
+                         {"out_of_memory", kExitOutOfMemory},
                          {"deadline", kExitDeadline},
                          {"unexpected_result", kExitUnexpected},
                          {"usage", kExitUsage}}}};
@@ -217,8 +318,11 @@ std::string exitStatusHelp() {
   return "Exit status:\n"
          "  0      success\n"
          "  1-89   the library's result code (see `tovctl codes N`)\n"
+         "  97     out of memory: a reply or answers larger than the memory\n"
+         "         tovctl may use\n"
          "  98     the command did not end within --deadline\n"
-         "  99     the library returned a value that is no result code\n"
+         "  99     the library returned a value that is no result code, or\n"
+         "         an unexpected error\n"
          "  100    usage error: bad option or argument, unknown service "
          "name,\n"
          "         unusable password or password file, unconfirmed halt\n";

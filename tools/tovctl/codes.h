@@ -11,9 +11,10 @@ namespace tovctl {
 // Exit statuses. A result code 1..89 leaves the program as its own number, so
 // scripts can test for it; the values below can never be result codes.
 constexpr int kExitOk = 0;
-constexpr int kExitDeadline = 98;    // the command did not end by --deadline
-constexpr int kExitUnexpected = 99;  // the library returned no known code
-constexpr int kExitUsage = 100;      // bad command line, unknown service, ...
+constexpr int kExitOutOfMemory = 97;  // std::bad_alloc, wherever it came from
+constexpr int kExitDeadline = 98;     // the command did not end by --deadline
+constexpr int kExitUnexpected = 99;   // no known code, or another exception
+constexpr int kExitUsage = 100;       // bad command line, unknown service, ...
 
 // Symbolic name of a result code ("TOV_COMMS_FAIL"); "" for the reserved
 // code 56 and for values outside 0..89.
@@ -34,18 +35,39 @@ int exitStatusFor(int result);
 // an "error" object added. The daemon addressed is named in it.
 void setJsonOutput(bool on);
 void setTarget(const std::string& host, int port);
+// What the command is doing, as its failure line would name it ("reading
+// the service list from a:1195"): for failures that come from no call of
+// their own, an exception or a call that does not end.
+void setActivity(const std::string& what);
+
+// Remembers the buffers of std::cout and std::cerr as the program starts:
+// an exception may leave a library call with either swapped.
+void noteStandardStreams();
 
 // Prints "tovctl: <what> failed: <text> (<NAME>, code N)[; <detail>]" on
 // standard error and returns the exit status for `result`.
 int reportFailure(const std::string& what, int result,
                   const std::string& detail = "",
-                  const nlohmann::json& partial = nullptr);
+                  nlohmann::json partial = nullptr);
 
 // Prints "tovctl: <what> failed: deadline of D s expired while <waiting>"
 // and returns kExitDeadline.
 int reportDeadline(const std::string& what, double seconds,
                    const std::string& waiting,
-                   const nlohmann::json& partial = nullptr);
+                   nlohmann::json partial = nullptr);
+
+// Prints "tovctl: <activity> failed: out of memory (std::bad_alloc)" and
+// returns kExitOutOfMemory, or "... failed: unexpected error: <what>" and
+// kExitUnexpected for any other exception (`e` null: not a standard one).
+// The standard streams are put back first. Never throws.
+int reportException(const std::exception* e);
+
+// The last resort once the deadline has passed and a call no signal ends
+// (a name lookup) still holds the program: the one line on standard error
+// and, with --json, the document on standard output, written past the
+// streams (the library may hold them), then the end with kExitDeadline.
+// Runs on the deadline's watchdog thread.
+[[noreturn]] void exitOnOverrun(double seconds);
 
 // Prints "tovctl: <message>" on standard error and returns kExitUsage.
 int reportUsage(const std::string& message);

@@ -1,6 +1,7 @@
 #include "discovery.h"
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <mutex>
@@ -31,9 +33,6 @@ using Clock = std::chrono::steady_clock;
 // The daemons listen for the probe on this port, whatever their TCP port.
 constexpr int kDiscoveryPort = 1195;
 constexpr auto kListenFor = std::chrono::milliseconds(2500);
-// Answers are kept up to this many bytes in all; a flood beyond it is
-// counted, not stored.
-constexpr std::size_t kAnswerBytes = 16 * 1024 * 1024;
 
 const std::string kMajor(54, '=');
 const std::string kMinor = " " + std::string(52, '-') + " ";
@@ -105,11 +104,23 @@ struct Socket {
   }
 };
 
-// Sends the 8-byte probe to port 1195 of `target` and keeps every answer
-// that arrives before `until`. Returns 0 or the negated result code of the
-// step that failed, with the same codes as the library's discovery.
+// Datagrams the kernel dropped because the socket's queue was full.
+std::size_t lostInQueue(int fd) {
+  std::uint32_t info[SK_MEMINFO_VARS] = {};
+  socklen_t size = sizeof info;
+  if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &size) != 0 ||
+      size <= SK_MEMINFO_DROPS * sizeof info[0]) {
+    return 0;
+  }
+  return info[SK_MEMINFO_DROPS];
+}
+
+// Sends the 8-byte probe to port 1195 of `target` and hands every answer
+// that arrives before `until` to `selector`. Returns 0 or the negated
+// result code of the step that failed, with the same codes as the
+// library's discovery.
 int collectAnswers(const std::string& target, Clock::time_point until,
-                   std::vector<Answer>& answers, std::size_t& dropped) {
+                   AnswerSelector& selector) {
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_DGRAM;
@@ -141,11 +152,10 @@ int collectAnswers(const std::string& target, Clock::time_point until,
   }
 
   std::vector<char> buffer(65536);
-  std::size_t kept = 0;
-  for (;;) {
+  // Checked before every datagram: a flood cannot hold the loop open.
+  while (Clock::now() < until) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         until - Clock::now());
-    if (left.count() <= 0) break;
     pollfd p{sock.fd, POLLIN, 0};
     const int ready = poll(&p, 1, static_cast<int>(left.count()) + 1);
     if (ready < 0 && errno == EINTR && !deadline().expired()) continue;
@@ -156,17 +166,13 @@ int collectAnswers(const std::string& target, Clock::time_point until,
         recvfrom(sock.fd, buffer.data(), buffer.size(), MSG_DONTWAIT,
                  reinterpret_cast<sockaddr*>(&from), &fromLen);
     if (got < 0) continue;
-    const std::size_t length =
-        strnlen(buffer.data(), static_cast<std::size_t>(got));
-    if (kept + length > kAnswerBytes) {
-      ++dropped;
-      continue;
-    }
     char sender[INET_ADDRSTRLEN] = "?";
     inet_ntop(AF_INET, &from.sin_addr, sender, sizeof sender);
-    answers.push_back({sender, std::string(buffer.data(), length)});
-    kept += length;
+    selector.add({sender, std::string(buffer.data(),
+                                      strnlen(buffer.data(),
+                                              static_cast<std::size_t>(got)))});
   }
+  selector.selection().lost = lostInQueue(sock.fd);
   return 0;
 }
 
@@ -176,7 +182,8 @@ std::vector<std::string> split(const std::string& text, const char* at) {
   return parts;
 }
 
-// The records of one answer, or why the answer is unusable.
+// The records of one answer, or why the answer is unusable. Of a node line
+// only the fields shown are kept.
 std::string recordsOf(const Answer& a, std::vector<FoundRecord>& records) {
   for (const std::string& line : split(a.text, "\n")) {
     if (line[0] == 'C') {
@@ -189,13 +196,19 @@ std::string recordsOf(const Answer& a, std::vector<FoundRecord>& records) {
     } else if (line[0] == 'N') {
       if (records.empty()) return "node line before any cluster line";
       FoundRecord& r = records.back();
-      r.nodes.push_back(split(line, " "));
-      if (r.nodes.back().size() <= tov1::n_ip_address) {
-        return "node line " + std::to_string(r.nodes.size()) + " of cluster " +
-               r.cluster[tov1::c_cluster_name] + " has " +
-               std::to_string(r.nodes.back().size()) +
-               " field(s), at least 3 needed";
+      if (r.nodes.size() == kMaxNodeLines) {
+        return "cluster " + r.cluster[tov1::c_cluster_name] +
+               " has more than " + std::to_string(kMaxNodeLines) +
+               " node lines";
       }
+      std::vector<std::string> fields = split(line, " ");
+      if (fields.size() <= tov1::n_ip_address) {
+        return "node line " + std::to_string(r.nodes.size() + 1) +
+               " of cluster " + r.cluster[tov1::c_cluster_name] + " has " +
+               std::to_string(fields.size()) + " field(s), at least 3 needed";
+      }
+      fields.resize(std::min<std::size_t>(fields.size(), tov1::n_SIZE_OK));
+      r.nodes.push_back(std::move(fields));
     }
   }
   return records.empty() ? "no cluster line" : "";
@@ -244,28 +257,40 @@ void printRecord(std::ostream& out, const FoundRecord& r, int mode) {
 
 }  // namespace
 
-Selection selectAnswers(const std::vector<Answer>& answers, int mode) {
-  Selection found;
-  std::unordered_set<std::string> crcs;
-  for (const Answer& a : answers) {
-    std::vector<FoundRecord> records;
-    const std::string why = recordsOf(a, records);
-    if (!why.empty()) {
-      found.skipped.push_back({a.sender, why});
+void AnswerSelector::add(const Answer& a) {
+  std::vector<FoundRecord> records;
+  const std::string why = recordsOf(a, records);
+  if (!why.empty()) {
+    if (found_.skippedCount++ < kMaxListedSkips) {
+      found_.skipped.push_back({a.sender, why});
+    }
+    return;
+  }
+  std::vector<FoundRecord> kept;
+  std::unordered_set<std::string> crcs;  // of this answer's kept records
+  for (FoundRecord& r : records) {
+    const int bootstrap =
+        tovUtils::stringToInt(r.cluster[tov1::c_machine_bootstrap]);
+    if (mode_ == tov1::tov_discover_bootstrap && bootstrap == 0) continue;
+    if (mode_ == tov1::tov_discover_cluster && bootstrap != 0) continue;
+    const std::string& crc = r.cluster[tov1::c_config_file_crc];
+    if (bootstrap == 0 && (crcs_.count(crc) != 0 || crcs.count(crc) != 0)) {
       continue;
     }
-    for (FoundRecord& r : records) {
-      const int bootstrap =
-          tovUtils::stringToInt(r.cluster[tov1::c_machine_bootstrap]);
-      if (mode == tov1::tov_discover_bootstrap && bootstrap == 0) continue;
-      if (mode == tov1::tov_discover_cluster && bootstrap != 0) continue;
-      const std::string& crc = r.cluster[tov1::c_config_file_crc];
-      if (bootstrap == 0 && crcs.count(crc) != 0) continue;
-      crcs.insert(crc);
-      found.records.push_back(std::move(r));
-    }
+    crcs.insert(crc);
+    kept.push_back(std::move(r));
   }
-  return found;
+  if (kept.empty()) return;
+  // Whole answers are kept or dropped, so that none is shown in part.
+  if (found_.records.size() + kept.size() > kMaxRecords ||
+      keptBytes_ + a.text.size() > kMaxKeptBytes) {
+    ++found_.dropped;
+    found_.droppedBytes += a.text.size();
+    return;
+  }
+  keptBytes_ += a.text.size();
+  crcs_.insert(crcs.begin(), crcs.end());
+  for (FoundRecord& r : kept) found_.records.push_back(std::move(r));
 }
 
 void printReport(std::ostream& out, const Selection& found, int mode) {
@@ -289,7 +314,7 @@ nlohmann::json selectionJson(const Selection& found, int mode) {
     c["nodes"] = nlohmann::json::array();
     for (const auto& node : r.nodes) c["nodes"].push_back(nodeJson(node));
     c["sender"] = r.sender;
-    clusters.push_back(c);
+    clusters.push_back(std::move(c));
   }
   nlohmann::json skipped = nlohmann::json::array();
   for (const SkippedAnswer& s : found.skipped) {
@@ -297,9 +322,58 @@ nlohmann::json selectionJson(const Selection& found, int mode) {
   }
   return {{"mode", modeName(mode)},
           {"count", found.records.size()},
-          {"clusters", clusters},
-          {"skipped", skipped}};
+          {"clusters", std::move(clusters)},
+          {"skipped", std::move(skipped)},
+          {"skipped_count", found.skippedCount},
+          {"dropped", found.dropped},
+          {"dropped_bytes", found.droppedBytes},
+          {"lost", found.lost},
+          {"limits", {{"records", kMaxRecords}, {"bytes", kMaxKeptBytes}}}};
 }
+
+namespace {
+
+// One line for each malformed answer named, and one each for those left
+// unnamed, those dropped at the caps and those the queue lost.
+void warnAboutLosses(const Selection& found) {
+  for (const SkippedAnswer& s : found.skipped) {
+    warn("skipped the answer from " + s.sender + ": " + s.reason);
+  }
+  if (found.skippedCount > found.skipped.size()) {
+    warn(std::to_string(found.skippedCount - found.skipped.size()) +
+         " more malformed answer(s) skipped");
+  }
+  if (found.dropped > 0) {
+    warn(std::to_string(found.dropped) + " answer(s) dropped (" +
+         std::to_string(found.droppedBytes) + " bytes): at most " +
+         std::to_string(kMaxRecords) + " records and " +
+         std::to_string(kMaxKeptBytes / 1024) + " KiB of answers are kept");
+  }
+  if (found.lost > 0) {
+    warn(std::to_string(found.lost) +
+         " answer(s) lost: they came faster than they could be read");
+  }
+}
+
+// The library's own report, byte for byte.
+int discoverRaw(const std::string& host, int mode, const std::string& what,
+                const std::string& target, const std::string& waiting,
+                bool dots) {
+  int rc;
+  {
+    Progress progress(dots, false);
+    rc = bounded(what, target, [&] {
+      return tov1::tovNet.discoverClusters(host, mode, false);
+    });
+  }
+  if (rc != 0) failWith(what, rc);
+  if (deadline().expired()) {
+    throw ExitNow{reportDeadline(what, deadline().seconds(), waiting)};
+  }
+  return kExitOk;
+}
+
+}  // namespace
 
 int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw) {
   const std::string what =
@@ -309,26 +383,12 @@ int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw) {
   const std::string waiting =
       "awaiting answers to the discovery probe sent to " + target;
   setTarget(host, kDiscoveryPort);
+  setActivity(what);
   const bool dots = isatty(STDERR_FILENO) && o.debug == 0;
+  if (raw && !o.json)
+    return discoverRaw(host, mode, what, target, waiting, dots);
 
-  if (raw && !o.json) {
-    // The library's own report, byte for byte.
-    int rc;
-    {
-      Progress progress(dots, false);
-      rc = bounded(what, target, [&] {
-        return tov1::tovNet.discoverClusters(host, mode, false);
-      });
-    }
-    if (rc != 0) failWith(what, rc);
-    if (deadline().expired()) {
-      throw ExitNow{reportDeadline(what, deadline().seconds(), waiting)};
-    }
-    return kExitOk;
-  }
-
-  std::vector<Answer> answers;
-  std::size_t dropped = 0;
+  AnswerSelector selector(mode);
   int rc;
   bool cutShort;
   if (!o.json) std::cout << "Searching for Clusters..." << std::flush;
@@ -339,7 +399,7 @@ int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw) {
     rc = collectAnswers(target,
                         Clock::now() + std::min<Clock::duration>(
                                            kListenFor, deadline().remaining()),
-                        answers, dropped);
+                        selector);
   }
   cutShort = cutShort || deadline().expired();
   if (rc != 0) {
@@ -351,21 +411,16 @@ int cmdDiscover(const Options& o, const std::string& host, int mode, bool raw) {
   }
   if (!o.json) std::cout << " Done" << std::endl;
 
-  const Selection found = selectAnswers(answers, mode);
-  for (const SkippedAnswer& s : found.skipped) {
-    warn("skipped the answer from " + s.sender + ": " + s.reason);
-  }
-  if (dropped > 0) {
-    warn(std::to_string(dropped) + " answer(s) dropped: more than " +
-         std::to_string(kAnswerBytes / (1024 * 1024)) + " MiB of answers");
-  }
-  const nlohmann::json result = selectionJson(found, mode);
+  const Selection& found = selector.selection();
+  warnAboutLosses(found);
   if (!o.json) printReport(std::cout, found, mode);
   if (cutShort) {
-    throw ExitNow{reportDeadline(what, deadline().seconds(), waiting,
-                                 o.json ? result : nlohmann::json(nullptr))};
+    throw ExitNow{reportDeadline(
+        what, deadline().seconds(), waiting,
+        o.json ? selectionJson(found, mode) : nlohmann::json(nullptr))};
   }
-  if (o.json) std::cout << tovtools::jsonText(result) << std::endl;
+  if (o.json)
+    std::cout << tovtools::jsonText(selectionJson(found, mode)) << std::endl;
   return kExitOk;
 }
 

@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -16,6 +15,7 @@
 #include "check.h"
 #include "codes.h"
 #include "commands.h"
+#include "common/cli.h"
 #include "discovery.h"
 #include "session.h"
 #include "status.h"
@@ -29,6 +29,8 @@ namespace {
 
 using tovctl::Options;
 using tovctl::ServiceAction;
+using tovtools::secondsIn;
+using tovtools::wholeIn;
 
 const char* const kFooterNotes =
     "\nDiagnostics: at debug level 0 the library's own messages are withheld "
@@ -69,29 +71,6 @@ const std::vector<ServiceAction>& daemonActions() {
        "check the user's password with the daemon"},
   };
   return actions;
-}
-
-// Seconds as an option takes them: a finite number in [min, max]. NaN,
-// infinities and negative values are refused by name.
-CLI::Validator secondsIn(double min, double max) {
-  const std::string range =
-      tovtools::secondsText(min) + " to " + tovtools::secondsText(max);
-  return CLI::Validator(
-      [min, max, range](std::string& text) -> std::string {
-        double value = 0;
-        std::size_t used = 0;
-        try {
-          value = std::stod(text, &used);
-        } catch (const std::exception&) {
-          used = 0;
-        }
-        if (used != text.size() || used == 0 || !std::isfinite(value) ||
-            value < min || value > max) {
-          return "\"" + text + "\" is not a number of seconds from " + range;
-        }
-        return "";
-      },
-      "", "seconds");
 }
 
 // Damerau-Levenshtein distance of two short words.
@@ -175,10 +154,13 @@ class Registry {
     handlers_.emplace_back(sub, std::move(run));
     return sub;
   }
-  // The handler of the command given; null when there is none.
-  std::function<int()> chosen() const {
+  // The command given and its handler; null when there is none.
+  const CLI::App* chosen(std::function<int()>& handler) const {
     for (const auto& h : handlers_) {
-      if (h.first->parsed()) return h.second;
+      if (h.first->parsed()) {
+        handler = h.second;
+        return h.first;
+      }
     }
     return nullptr;
   }
@@ -216,16 +198,17 @@ void addGlobalOptions(CLI::App& app, Options& o) {
       ->capture_default_str();
   app.add_option("-p,--port", o.port, "daemon's TCP port (1-65535)")
       ->type_name("PORT")
-      ->check(CLI::Range(1, 65535).description(""))
+      ->check(tovtools::portFrom(1))
       ->capture_default_str();
   app.add_option("-t,--timeout", o.timeout,
-                 "seconds to wait for a connection and for the salt")
+                 "seconds to wait for a connection and for the salt "
+                 "(0.001-86400)")
       ->type_name("SECONDS")
       ->check(secondsIn(0.001, 86400.0))
       ->capture_default_str();
   app.add_option("--deadline", o.deadline,
                  "seconds the whole command may take, whatever the daemon "
-                 "does; 0 for none")
+                 "does (0-86400; 0 for none)")
       ->type_name("SECONDS")
       ->check(secondsIn(0, 86400.0))
       ->capture_default_str();
@@ -233,7 +216,7 @@ void addGlobalOptions(CLI::App& app, Options& o) {
   app.add_flag("-6", o.ipv6, "use IPv6 only")->excludes(v4);
   app.add_option("-d,--debug", o.debug, "library debug level 0-3")
       ->type_name("LEVEL")
-      ->check(CLI::Range(0, 3).description(""))
+      ->check(wholeIn(0, 3))
       ->capture_default_str();
   app.add_flag("--no-colour", o.noColour, "never colour the diagnostics");
   app.add_option("-u,--user", o.user, "user for requests that change something")
@@ -244,7 +227,7 @@ void addGlobalOptions(CLI::App& app, Options& o) {
   app.add_option("-a,--attempts", o.attempts,
                  "requests sent while the daemon answers busy (1-100)")
       ->type_name("N")
-      ->check(CLI::Range(1, 100).description(""))
+      ->check(wholeIn(1, 100))
       ->capture_default_str();
   addMoreGlobalOptions(app, o);
 }
@@ -266,7 +249,8 @@ void addAddressCommands(Registry& r) {
                                              : tov1::tov_discover_all;
               return tovctl::cmdDiscover(o, d->host, mode, d->raw);
             });
-  discover->add_option("host", d->host, "ask only this host");
+  discover->add_option("host", d->host, "ask only this host")
+      ->type_name("HOST");
   auto* bootOpt = discover->add_flag("--bootstrap", d->bootstrap,
                                      "only unconfigured (bootstrap) machines");
   discover->add_flag("--clusters", d->clusters, "only configured clusters")
@@ -278,17 +262,20 @@ void addAddressCommands(Registry& r) {
         [host, &o = r.o] { return tovctl::cmdProbe(o, *host); })
       ->add_option("host", *host,
                    "host to probe (default: the first entry node that "
-                   "answers)");
+                   "answers)")
+      ->type_name("HOST");
 
   auto name = std::make_shared<std::string>();
   r.add("resolve", "print the address of a host",
         [name, &o = r.o] { return tovctl::cmdResolve(o, *name); })
       ->add_option("host", *name, "host name or address")
+      ->type_name("HOST")
       ->required();
   auto address = std::make_shared<std::string>();
   r.add("family", "print the IP version (4 or 6) of a numeric address",
         [address, &o = r.o] { return tovctl::cmdFamily(o, *address); })
       ->add_option("address", *address, "numeric address")
+      ->type_name("ADDRESS")
       ->required();
 }
 
@@ -301,6 +288,7 @@ void addServiceCommands(Registry& r) {
             return tovctl::cmdServiceAction(o, a, *service, "");
           })
         ->add_option("service", *service, "service number or name")
+        ->type_name("SERVICE")
         ->required();
   }
   auto maint = std::make_shared<std::pair<std::string, std::string>>();
@@ -310,9 +298,12 @@ void addServiceCommands(Registry& r) {
         static const ServiceAction a{"maintenance", "M", ""};
         return tovctl::cmdServiceAction(o, a, maint->first, maint->second);
       });
-  m->add_option("service", maint->first, "service number or name")->required();
+  m->add_option("service", maint->first, "service number or name")
+      ->type_name("SERVICE")
+      ->required();
   m->add_option("state", maint->second, "on or off")
-      ->check(CLI::IsMember({"on", "off"}));
+      ->type_name("on|off")
+      ->check(CLI::IsMember({"on", "off"}).description(""));
 
   auto log =
       std::make_shared<std::pair<std::string, std::vector<std::string>>>();
@@ -321,8 +312,11 @@ void addServiceCommands(Registry& r) {
       "log", "write a message into the daemon's log",
       [log, &o = r.o] { return tovctl::cmdLog(o, log->first, log->second); });
   l->add_option("-s,--service", log->first, "service number or name")
+      ->type_name("SERVICE")
       ->capture_default_str();
-  l->add_option("message", log->second, "the message")->required();
+  l->add_option("message", log->second, "the message")
+      ->type_name("WORDS")
+      ->required();
 
   for (const ServiceAction& a : daemonActions()) {
     r.add(a.name, a.help,
@@ -358,7 +352,8 @@ void addDataCommands(Registry& r) {
     auto* sub = r.add(d.name, d.help, [service, run = d.run, &o = r.o] {
       return run(o, *service);
     });
-    auto* opt = sub->add_option("service", *service, "service number or name");
+    auto* opt = sub->add_option("service", *service, "service number or name")
+                    ->type_name("SERVICE");
     if (d.fallback == nullptr) continue;
     if (*d.fallback == '\0') {
       opt->required();
@@ -376,11 +371,13 @@ void addRawCommands(Registry& r) {
   r.add("send", "send one raw request line (once) and print the reply",
         [line, &o = r.o] { return tovctl::cmdSend(o, *line); })
       ->add_option("line", *line, "the request line, e.g. \"V 0\"")
+      ->type_name("LINE")
       ->required();
   auto code = std::make_shared<std::string>();
   r.add("codes", "list the result codes, or explain one (number or name)",
         [code, &o = r.o] { return tovctl::listCodes(o.json, *code); })
-      ->add_option("code", *code, "a code, e.g. 22 or TOV_COMMS_FAIL");
+      ->add_option("code", *code, "a code, e.g. 22 or TOV_COMMS_FAIL")
+      ->type_name("CODE");
 }
 
 void addStatusCommand(Registry& r) {
@@ -395,14 +392,16 @@ void addStatusCommand(Registry& r) {
   // Refused without --watch rather than ignored.
   status
       ->add_option("--interval", st->interval,
-                   "seconds between snapshots of --watch (default: the "
-                   "cluster's poll time)")
+                   "seconds between snapshots of --watch, 0.1-3600 "
+                   "(default: the cluster's poll time)")
       ->type_name("SECONDS")
       ->check(secondsIn(0.1, 3600.0))
       ->needs(watch);
-  status->add_option("--count", st->count, "end --watch after N snapshots")
+  status
+      ->add_option("--count", st->count,
+                   "end --watch after N snapshots (1-1000000)")
       ->type_name("N")
-      ->check(CLI::Range(1, 1000000).description(""))
+      ->check(wholeIn(1, 1000000))
       ->needs(watch);
   status->add_flag("--problems", st->filter.problems,
                    "show only silent nodes and services that need attention");
@@ -422,22 +421,25 @@ void addStatusCommand(Registry& r) {
 
 void addHelpCommand(Registry& r) {
   auto topic = std::make_shared<std::string>();
-  r.add("help", "show this help, or a command's", [topic, &app = r.app] {
-     if (topic->empty()) {
-       // App::help() would describe the command just parsed: this one.
-       std::cout << app.get_formatter()->make_help(&app, app.get_name(),
-                                                   CLI::AppFormatMode::Normal);
-       return tovctl::kExitOk;
-     }
-     CLI::App* sub = nullptr;
-     try {
-       sub = app.get_subcommand(*topic);
-     } catch (const CLI::OptionNotFound&) {
-       tovctl::usageError(unknownCommand(app, *topic));
-     }
-     std::cout << sub->help();
-     return tovctl::kExitOk;
-   })->add_option("command", *topic, "a command");
+  r.add("help", "show this help, or a command's",
+        [topic, &app = r.app] {
+          if (topic->empty()) {
+            // App::help() would describe the command just parsed: this one.
+            std::cout << app.get_formatter()->make_help(
+                &app, app.get_name(), CLI::AppFormatMode::Normal);
+            return tovctl::kExitOk;
+          }
+          CLI::App* sub = nullptr;
+          try {
+            sub = app.get_subcommand(*topic);
+          } catch (const CLI::OptionNotFound&) {
+            tovctl::usageError(unknownCommand(app, *topic));
+          }
+          std::cout << sub->help();
+          return tovctl::kExitOk;
+        })
+      ->add_option("command", *topic, "a command")
+      ->type_name("COMMAND");
 }
 
 // A command line that CLI11 refused: one usage line (or, for check, its
@@ -445,7 +447,7 @@ void addHelpCommand(Registry& r) {
 int refused(const CLI::App& app, const CLI::ParseError& e, int argc,
             char** argv) {
   if (commandWord(app, argc, argv) == "check") {
-    return tovctl::checkUnknown(std::string("usage: ") + e.what());
+    return tovctl::checkUnknown("usage: " + tovtools::parseErrorText(e));
   }
   // The options were not all read: --json counts as given anyway.
   tovctl::setJsonOutput(std::find_if(argv + 1, argv + argc, [](const char* a) {
@@ -463,29 +465,37 @@ int refused(const CLI::App& app, const CLI::ParseError& e, int argc,
       return tovctl::reportUsage(unknownCommand(app, word));
     }
   }
-  return tovctl::reportUsage(std::string("usage: ") + e.what() +
-                             " (see tovctl --help)");
+  return tovctl::reportUsage(
+      tovtools::usageText("tovctl", tovtools::parseErrorText(e)));
 }
 
-// Runs the command given, its failures reported as the tool reports them.
+// Runs the command given, its failures reported as the tool reports them:
+// out of memory and any other exception too, in one line (and one JSON
+// document), wherever they come from.
 int run(const Registry& r) {
   try {
+    std::function<int()> handler;
+    const CLI::App* command = r.chosen(handler);
+    if (command != nullptr) {
+      tovctl::setActivity("the " + command->get_name() + " command");
+    }
     tovctl::applyGlobals(r.o);
-    const std::function<int()> handler = r.chosen();
     if (handler) return handler();
-    return tovctl::reportUsage("usage: no command given (see tovctl --help)");
+    return tovctl::reportUsage(
+        tovtools::usageText("tovctl", "no command given"));
   } catch (const tovctl::ExitNow& e) {
     return e.status;
   } catch (const std::exception& e) {
-    std::cerr << tov1::tovDebug.getTraceStr('E', "tovctl")
-              << "unexpected error: " << e.what() << std::endl;
-    return tovctl::kExitUnexpected;
+    return tovctl::reportException(&e);
+  } catch (...) {
+    return tovctl::reportException(nullptr);
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  tovctl::noteStandardStreams();
   Options o;
   CLI::App app{"tovctl - control the tovmon daemons of a cluster"};
   app.footer("\n" + tovctl::exitStatusHelp() + kFooterNotes);

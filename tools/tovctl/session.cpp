@@ -19,8 +19,8 @@
 namespace tovctl {
 
 void failWith(const std::string& what, int result, const std::string& detail,
-              const nlohmann::json& partial) {
-  throw ExitNow{reportFailure(what, result, detail, partial)};
+              nlohmann::json partial) {
+  throw ExitNow{reportFailure(what, result, detail, std::move(partial))};
 }
 
 void usageError(const std::string& message) {
@@ -131,14 +131,8 @@ void applyGlobals(Options& o) {
   // A call that no signal ends (a name lookup retrying by itself) still
   // ends the program half a second after the deadline.
   const double seconds = o.deadline;
-  const std::string host = o.entries.front().host;
-  deadline().onOverrun(std::chrono::milliseconds(500), [seconds, host] {
-    const int status = reportDeadline(
-        "command for " + host, seconds,
-        "the library was blocked in a call that did not give up (a name "
-        "lookup?); stopping");
-    std::_Exit(status);
-  });
+  deadline().onOverrun(std::chrono::milliseconds(500),
+                       [seconds] { exitOnOverrun(seconds); });
 }
 
 void setDeadline(double seconds) {
@@ -257,6 +251,7 @@ std::string failureText(int result) {
 int Session::firstAnswering(const std::string& what, HandOver rule,
                             const std::function<int()>& call) {
   if (chosen_) return bounded(what, label(), call);
+  setActivity(what);
   const std::size_t n = entries_.size();
   for (std::size_t i = 0;; ++i) {
     use(entries_[i]);

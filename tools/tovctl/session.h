@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "codes.h"
 #include "common/deadline.h"
 #include "common/snapshot.h"
 
@@ -56,7 +57,7 @@ struct ExitNow {
 // besides the error; the error is added to it.
 [[noreturn]] void failWith(const std::string& what, int result,
                            const std::string& detail = "",
-                           const nlohmann::json& partial = nullptr);
+                           nlohmann::json partial = nullptr);
 [[noreturn]] void usageError(const std::string& message);
 
 // Splits "host", "host:port", "[v6]" or "[v6]:port"; a bare IPv6 address
@@ -238,6 +239,7 @@ int withinDeadline(Call&& call) {
 
 template <typename Call>
 int bounded(const std::string& what, const std::string& label, Call&& call) {
+  setActivity(what);
   const int result = withinDeadline(std::forward<Call>(call));
   checkDeadline(what, label, result);
   return result;

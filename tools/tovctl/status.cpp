@@ -235,12 +235,8 @@ tovtools::Snapshot snapshotOf(const Options& o) {
            ? std::string("127.0.0.1:1195")
            : hostPortLabel(o.entries.front().host, o.entries.front().port));
   const double seconds = o.deadline;
-  return snapshotOf(o, [what, seconds] {
-    std::_Exit(reportDeadline(
-        what, seconds,
-        "the library was blocked in a call that did not give up (a name "
-        "lookup?); stopping"));
-  });
+  setActivity(what);
+  return snapshotOf(o, [seconds] { exitOnOverrun(seconds); });
 }
 
 int cmdStatus(const Options& o, const StatusOptions& st) {
