@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config g++ clang clang-format
   libclang-rt-14-dev libssl-dev libgtest-dev libgmock-dev googletest
   libbenchmark-dev libcli11-dev nlohmann-json3-dev libncurses-dev
-  libcpp-httplib-dev libtomlplusplus-dev prometheus curl iproute2 gcovr
+  libcpp-httplib-dev libboost-dev libtomlplusplus-dev prometheus curl iproute2 gcovr
   valgrind tmux
 )
 

@@ -10,13 +10,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <boost/asio/io_context.hpp>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -26,6 +31,7 @@
 #include "support/net_helpers.h"
 #include "support/sim.h"
 #include "tovexporter/metrics.h"
+#include "tovexporter/scraper.h"
 #include "tovexporter/targets.h"
 
 namespace {
@@ -551,50 +557,165 @@ TEST_F(ExporterTest, ProbeServesTheClusterItIsAskedFor) {
                         R"(tov_scrapes_total{target="beta"} 3)"});
 }
 
-// Scrapes of one cluster share its snapshot; a scrape of another waits for
-// its turn no longer than its own deadline, and is then tov_up 0 with a
-// deadline error. The exporter reads that cluster again afterwards. A named
-// cluster's own deadline bounds its scrapes.
-TEST_F(ExporterTest, ScrapesTakeTurnsEachWithinItsOwnDeadline) {
+// Snapshots of different clusters are taken at once: a cluster whose entry
+// node stalls holds only its own scrapes, which share its snapshot and end
+// by their deadline (2 s: the header's 2.5 less the margin); another
+// cluster is answered meanwhile. A named cluster's own deadline bounds its
+// scrapes.
+TEST_F(ExporterTest, AStalledClusterHoldsOnlyItsOwnScrapes) {
   simtest::SimProcess& sim = startSim(clusterJson("alpha", "127.0.95.1"));
   startSim(clusterJson("stalls", "127.0.95.2"), "127.0.95.2", sim.port(),
            {"--reply-delay", "600000"});
   std::ofstream(path("clusters.toml"))
       << "[clusters.stalls]\nhosts = [\"127.0.95.2\"]\ndeadline = 1\n";
   startExporter({"-p", sim.portStr()});
-  const auto within = [&](const std::string& target, const char* timeout) {
-    return get("/probe?" + target,
-               {{"X-Prometheus-Scrape-Timeout-Seconds", timeout}});
+  const auto within = [&](const std::string& target, const char* timeout,
+                          double& took) {
+    const auto begun = Clock::now();
+    const auto res = get("/probe?" + target,
+                         {{"X-Prometheus-Scrape-Timeout-Seconds", timeout}});
+    took = std::chrono::duration<double>(Clock::now() - begun).count();
+    return res ? res->body : "";
   };
   const Lines notRead = {"tov_up 0", "!tov_cluster_", "!tov_node_"};
   std::string stalled[2];
-  std::thread first(
-      [&] { stalled[0] = within("target=127.0.95.2", "4.5")->body; });
-  std::this_thread::sleep_for(std::chrono::seconds(1));
-  std::thread second(
-      [&] { stalled[1] = within("target=127.0.95.2", "4.5")->body; });
-  auto begun = Clock::now();
-  const auto seconds = [&] {
-    return std::chrono::duration<double>(Clock::now() - begun).count();
-  };
-  const auto other = within("target=127.0.95.1", "2");
-  const double took = seconds();
-  first.join();
-  second.join();
-  ASSERT_TRUE(other);
-  EXPECT_GE(took, 1.4);  // its deadline: 2 s less the margin
-  EXPECT_LE(took, 2.8);  // not held until the stalled snapshot ends
-  expectLines(other->body, notRead);
-  for (const std::string& body : stalled) expectLines(body, notRead);
+  double stalledTook[2] = {0, 0};
+  std::vector<std::thread> scrapes;
+  for (int i = 0; i < 2; ++i) {
+    scrapes.emplace_back([&, i] {
+      stalled[i] = within("target=127.0.95.2", "2.5", stalledTook[i]);
+    });
+  }
+  double took = 0;
+  const std::string other = within("target=127.0.95.1", "2", took);
+  for (std::thread& t : scrapes) t.join();
+  expectLines(other, {"tov_up 1"});
+  EXPECT_LT(took, 1);  // not held by the stalled snapshot
+  for (int i = 0; i < 2; ++i) {
+    expectLines(stalled[i], notRead);
+    EXPECT_GE(stalledTook[i], 1.9);
+    EXPECT_LE(stalledTook[i], 2.5);
+  }
+  const std::string metrics = get("/metrics")->body;
+  expectLines(metrics, {R"(tov_scrapes_total{target="127.0.95.2:*} 1)",
+                        R"(tov_scrapes_total{target="127.0.95.1:*} 1)",
+                        R"(!tov_scrape_errors_total{target="127.0.95.1:)"});
+  // One for the snapshot, and one more if the second scrape's own deadline
+  // came before the snapshot's end.
+  EXPECT_TRUE(std::regex_search(
+      metrics, std::regex(R"(\ntov_scrape_errors_total\{target="127\.0\.95\.2:)"
+                          R"(\d+",code="deadline",name="deadline"\} [12]\n)")))
+      << metrics;
+  expectLines(within("cluster=stalls", "10", took), notRead);
+  EXPECT_GE(took, 0.9);
+  EXPECT_LE(took, 1.5);  // 1 s, not --deadline's 10
+}
+
+// The scraper with a taker of its own: each snapshot takes 200 ms (that of
+// "stuck" until it is stopped); "overrun" overruns, "lost" brings nothing,
+// the others a snapshot with one failed attempt and three exchanges.
+class ScraperTest : public testing::Test {
+ protected:
+  tovexporter::Taken take(const tovexporter::Target& t,
+                          const std::atomic<bool>& stop) {
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      ++taken_[t.name];
+    }
+    const auto end = Clock::now() +
+                     std::chrono::milliseconds(t.name == "stuck" ? 60000 : 200);
+    while (!stop && Clock::now() < end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    tovexporter::Taken r;
+    r.overran = t.name == "overrun";
+    if (t.name != "overrun" && t.name != "lost") {
+      r.snapshot.emplace();
+      r.snapshot->exchanges = 3;
+      r.snapshot->entries = {{"h1", "1", 69}, {"h2", "1", 0}};
+    }
+    return r;
+  }
+  tovexporter::Taker taker() {
+    return [this](const tovexporter::Target& t,
+                  std::optional<tovexporter::Clock::time_point>,
+                  const std::atomic<bool>& stop) { return take(t, stop); };
+  }
+  // A scrape of `target`; its answer and when it came go to answers_[label].
+  void ask(tovexporter::Scraper& scraper, const std::string& label,
+           const std::string& target, double deadline) {
+    tovexporter::Target t;
+    t.name = target;
+    const auto begun = Clock::now();
+    scraper.scrape(t, deadline, [this, label, begun](const std::string& text) {
+      answers_[label] = {
+          std::chrono::duration<double>(Clock::now() - begun).count(), text};
+    });
+  }
+  void runUntil(std::size_t n) {
+    for (int i = 0; i < 500 && answers_.size() < n; ++i) {
+      io_.run_one_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(answers_.size(), n);
+  }
+  void expectAnswer(const std::string& label, double at, bool up) {
+    SCOPED_TRACE(label);
+    EXPECT_GE(answers_[label].first, at - 0.01);
+    EXPECT_LT(answers_[label].first, at + 0.15);
+    expectLines(answers_[label].second, {up ? "tov_up 1" : "tov_up 0"});
+  }
+
+  boost::asio::io_context io_;
+  std::mutex mu_;
+  std::map<std::string, int> taken_;
+  std::map<std::string, std::pair<double, std::string>> answers_;
+};
+
+// With one slot: scrapes of one target share one snapshot, a scrape of
+// another waits for the slot no longer than its deadline, a snapshot that
+// overran or never came is tov_up 0, and the counters say so.
+TEST_F(ScraperTest, SharesSnapshotsAndQueuesForASlotWithinEachDeadline) {
+  tovexporter::Scraper scraper(io_, taker(), "", 1);
+  ask(scraper, "a1", "a", 5);
+  ask(scraper, "a2", "a", 5);
+  ask(scraper, "b", "b", 5);
+  ask(scraper, "c", "c", 0.1);
+  ask(scraper, "overrun", "overrun", 5);
+  ask(scraper, "lost", "lost", 0);
+  runUntil(6);
+  expectAnswer("a1", 0.2, true);
+  expectAnswer("a2", 0.2, true);
+  expectAnswer("c", 0.1, false);
+  expectAnswer("b", 0.4, true);
+  expectAnswer("overrun", 0.6, false);
+  expectAnswer("lost", 0.8, false);
+  EXPECT_EQ(taken_, (std::map<std::string, int>{
+                        {"a", 1}, {"b", 1}, {"overrun", 1}, {"lost", 1}}));
+  const std::string own = scraper.own({"v", "r"});
+  SCOPED_TRACE(own);
   expectLines(
-      get("/metrics")->body,
-      {R"(tov_scrapes_total{target="127.0.95.2:*} 1)",
-       R"(tov_scrapes_total{target="127.0.95.1:*} 0)",
-       R"(tov_scrape_errors_total{target="127.0.95.1:*,name="deadline"} 1)"});
-  expectLines(get("/probe?target=127.0.95.1")->body, {"tov_up 1"});
-  begun = Clock::now();
-  expectLines(get("/probe?cluster=stalls")->body, notRead);
-  EXPECT_LE(seconds(), 2.5);  // 1 s, not --deadline's 10
+      own, {R"(tov_scrapes_total{target="a"} 1)",
+            R"(tov_exchanges_total{target="a"} 3)",
+            R"(tov_scrape_errors_total{target="a",code="69",)"
+            R"(name="TOV_SOCK_CONNECT"} 1)",
+            R"(tov_scrapes_total{target="c"} 0)",
+            R"(tov_scrape_errors_total{target="c",code="deadline",*} 1)",
+            R"(tov_scrape_errors_total{target="overrun",code="deadline",*} 1)",
+            R"(tov_scrapes_total{target="lost"} 1)",
+            R"(!tov_scrape_errors_total{target="lost")"});
+}
+
+// A taker that never returns holds only its own scrape, answered at its
+// deadline and the grace; the scraper's end stops it.
+TEST_F(ScraperTest, AStuckSnapshotHoldsOnlyItsOwnScrape) {
+  {
+    tovexporter::Scraper scraper(io_, taker(), "", 2);
+    ask(scraper, "stuck", "stuck", 0.2);
+    ask(scraper, "b", "b", 5);
+    runUntil(2);
+  }
+  expectAnswer("b", 0.2, true);
+  expectAnswer("stuck", 0.2 + tovexporter::kAnswerGrace, false);
 }
 
 // What keeps the exporter from starting: status 2 and what is wrong, in one

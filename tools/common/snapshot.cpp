@@ -120,9 +120,9 @@ struct ProbeResult {
 };
 
 // A probe worker: a process of its own, kept between snapshots so that a
-// process taking one snapshot after another (the exporter) pays for the
-// processes once; the live view takes each snapshot in a child of its own,
-// whose workers end with it. Requests go down one pipe, results come up the
+// program taking one snapshot after another in one process pays for the
+// processes once. The tools take each snapshot in a child process of its
+// own (tools/common/child.h), whose workers end with it. Requests go down one pipe, results come up the
 // other. A worker that overruns its probe is killed, never reused.
 struct Worker {
   pid_t pid = -1;

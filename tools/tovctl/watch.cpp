@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,6 +26,7 @@
 #include <vector>
 
 #include "codes.h"
+#include "common/child.h"
 #include "common/text.h"
 #include "status.h"
 #include "tovapi/libtovapi.h"
@@ -209,71 +209,31 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
-// Reads what `fd` has now, up to `limit` bytes in all; false at its end.
-bool readSome(int fd, std::string& into, std::size_t limit) {
-  char buf[16384];
-  for (;;) {
-    const ssize_t n = read(fd, buf, sizeof buf);
-    if (n > 0) {
-      const std::size_t room = limit > into.size() ? limit - into.size() : 0;
-      into.append(buf, std::min(room, static_cast<std::size_t>(n)));
-      continue;
-    }
-    if (n < 0 && errno == EINTR) continue;
-    return n < 0 && errno == EAGAIN;
-  }
-}
-
 // One refresh at a time, in a child process.
 class Refresh {
  public:
-  Refresh(const Options& o, Signals& signals) : o_(o), signals_(signals) {}
-  ~Refresh() { stop(); }
+  Refresh(const Options& o, Signals& signals)
+      : o_(o), signals_(signals), child_({kMaxJson, kMaxDiagnostics}) {}
   Refresh(const Refresh&) = delete;
   Refresh& operator=(const Refresh&) = delete;
 
-  bool busy() const { return pid_ > 0; }
+  bool busy() const { return child_.running(); }
   Clock::time_point begun() const { return begun_; }
 
   // Starts a refresh; false, with `r` filled, when none could start.
   bool begin(Result& r) {
-    int out[2];
-    int err[2];
-    if (pipe2(out, O_CLOEXEC) != 0) return cannot(r, -1, -1);
-    if (pipe2(err, O_CLOEXEC) != 0) return cannot(r, out[0], out[1]);
     begun_ = Clock::now();
-    json_.clear();
-    diagnostics_.clear();
-    const pid_t view = getpid();
-    const pid_t pid = fork();
-    if (pid == 0) {
-      // Nothing outlives the view, however it ends.
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (getppid() != view) _exit(kExitUnexpected);
-      close(out[0]);
-      close(err[0]);
-      inChild(out[1], err[1]);
+    std::string why;
+    if (child_.spawn([this](int out) { return inChild(out); }, why)) {
+      return true;
     }
-    close(out[1]);
-    close(err[1]);
-    if (pid < 0) {
-      close(err[0]);
-      return cannot(r, out[0], -1);
-    }
-    // Its own process group, so that its probe workers go with it.
-    setpgid(pid, pid);
-    pid_ = pid;
-    out_ = out[0];
-    err_ = err[0];
-    fcntl(out_, F_SETFL, O_NONBLOCK);
-    fcntl(err_, F_SETFL, O_NONBLOCK);
-    return true;
+    r = Result{};
+    r.failure = "cannot start a refresh: " + why;
+    r.status = kExitUnexpected;
+    return false;
   }
 
-  void addTo(std::vector<pollfd>& fds) const {
-    if (out_ >= 0) fds.push_back({out_, POLLIN, 0});
-    if (err_ >= 0) fds.push_back({err_, POLLIN, 0});
-  }
+  void addTo(std::vector<pollfd>& fds) const { child_.addTo(fds); }
 
   // When the refresh is killed unless it has ended.
   std::optional<Clock::time_point> killAt() const {
@@ -284,13 +244,7 @@ class Refresh {
   // Takes what the child sent; true once it has ended, with `r` filled.
   bool collect(Result& r) {
     if (!busy()) return false;
-    if (out_ >= 0 && !readSome(out_, json_, kMaxJson + 1)) closeFd(out_);
-    if (err_ >= 0 && !readSome(err_, diagnostics_, kMaxDiagnostics)) {
-      closeFd(err_);
-    }
-    int st = 0;
-    const pid_t got = waitpid(pid_, &st, WNOHANG);
-    if (got == 0) {
+    if (!child_.collect()) {
       const auto limit = killAt();
       if (!limit || Clock::now() < *limit) return false;
       stop();
@@ -301,31 +255,25 @@ class Refresh {
       r.status = kExitDeadline;
       return true;
     }
-    pid_ = -1;
-    // Written before the child ended: all there, even while a probe worker
-    // that has yet to die keeps the pipe open.
-    if (out_ >= 0) readSome(out_, json_, kMaxJson + 1);
-    if (err_ >= 0) readSome(err_, diagnostics_, kMaxDiagnostics);
-    closeFd(out_);
-    closeFd(err_);
     r = Result{};
-    r.diagnostics = diagnostics_;
-    if (got < 0 || !WIFEXITED(st)) {
-      r.failure =
-          got < 0
-              ? std::string("the refresh was lost: ") + std::strerror(errno)
-              : "the refresh ended by signal " + std::to_string(WTERMSIG(st));
+    r.diagnostics = child_.errors();
+    const int st = child_.status();
+    if (st < 0 || !WIFEXITED(st)) {
+      r.failure = st < 0 ? std::string("the refresh was lost")
+                         : "the refresh ended by signal " +
+                               std::to_string(WTERMSIG(st));
       r.status = kExitUnexpected;
     } else if (WEXITSTATUS(st) != 0) {
-      const std::string said = lastLine(diagnostics_);
+      const std::string said = lastLine(child_.errors());
       r.failure = said.empty() ? "the refresh ended with status " +
                                      std::to_string(WEXITSTATUS(st))
                                : said;
       r.status = WEXITSTATUS(st);
     } else {
       try {
-        if (json_.size() > kMaxJson) throw std::length_error("too large");
-        r.snapshot = tovtools::snapshotFromJson(nlohmann::json::parse(json_));
+        if (child_.outputCut()) throw std::length_error("too large");
+        r.snapshot =
+            tovtools::snapshotFromJson(nlohmann::json::parse(child_.output()));
         judge(r, o_);
       } catch (const std::exception& e) {
         r.snapshot.reset();
@@ -337,38 +285,15 @@ class Refresh {
   }
 
   // Kills a refresh still running and reaps it.
-  void stop() {
-    if (pid_ > 0) {
-      kill(-pid_, SIGKILL);
-      kill(pid_, SIGKILL);
-      while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-      }
-      pid_ = -1;
-    }
-    closeFd(out_);
-    closeFd(err_);
-  }
+  void stop() { child_.kill(); }
 
  private:
-  bool cannot(Result& r, int a, int b) {
-    r = Result{};
-    r.failure = std::string("cannot start a refresh: ") + std::strerror(errno);
-    r.status = kExitUnexpected;
-    if (a >= 0) close(a);
-    if (b >= 0) close(b);
-    return false;
-  }
-
-  [[noreturn]] void inChild(int out, int err) {
-    setpgid(0, 0);
+  // The refresh itself, in the child: `out` takes the snapshot as JSON.
+  int inChild(int out) {
     signals_.restore();
     for (const int fd : gWake) close(fd);
     // The library does not need the terminal's character set.
     std::setlocale(LC_CTYPE, "C");
-    const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-    dup2(null, STDIN_FILENO);
-    dup2(null, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
     // Its lines are read here, not shown on a terminal as they are.
     tov1::Debug::useColour = false;
     int status = kExitOk;
@@ -384,22 +309,13 @@ class Refresh {
       status = kExitUnexpected;
     }
     std::cerr.flush();
-    _exit(status);
-  }
-
-  static void closeFd(int& fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
+    return status;
   }
 
   const Options& o_;
   Signals& signals_;
-  pid_t pid_ = -1;
-  int out_ = -1;
-  int err_ = -1;
+  tovtools::ChildProcess child_;
   Clock::time_point begun_;
-  std::string json_;
-  std::string diagnostics_;
 };
 
 // What the view shows: the last good snapshot and the last failure.

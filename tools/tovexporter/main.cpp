@@ -1,26 +1,32 @@
 // tovexporter: the state of clusters as Prometheus metrics, a fresh
 // snapshot on every scrape.
-#include <httplib.h>
-#include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "common/cli.h"
 #include "common/clusters.h"
+#include "http.h"
 #include "metrics.h"
+#include "scraper.h"
+#include "snapshots.h"
 #include "targets.h"
-#include "tovapi/libtovapi.h"
 
 #ifndef TOVEXPORTER_VERSION
 #define TOVEXPORTER_VERSION "0.0.0"
@@ -33,6 +39,8 @@ namespace {
 
 using tovexporter::BuildInfo;
 using tovexporter::Defaults;
+using tovexporter::HttpReply;
+using tovexporter::HttpRequest;
 using tovexporter::Scraper;
 using tovexporter::Target;
 
@@ -49,7 +57,6 @@ constexpr const char* kLanding =
 // Prometheus says how long it waits for a scrape; the answer must be on its
 // way before then.
 constexpr double kHeaderMargin = 0.5;
-constexpr std::size_t kThreads = 16;
 constexpr double kShortestScrape = 0.5;
 
 int fail(const std::string& message) {
@@ -79,10 +86,10 @@ bool parseListen(const std::string& text, std::string& address, int& port) {
   return port <= 65535 && address.find_first_of("[]") == std::string::npos;
 }
 
-double scrapeDeadline(const httplib::Request& req, double configured) {
+// The target's deadline, or Prometheus's timeout less the margin when that
+// comes first; 0 (none) only when neither gives one.
+double scrapeDeadline(const std::string& header, double configured) {
   double deadline = configured;
-  const std::string header =
-      req.get_header_value("X-Prometheus-Scrape-Timeout-Seconds");
   if (!header.empty()) {
     char* end = nullptr;
     const double timeout = std::strtod(header.c_str(), &end);
@@ -145,29 +152,30 @@ bool parseCommandLine(int argc, char** argv, Options& o, int& status) {
                  "(default: $TOV_CONFIG, else the standard places)")
       ->type_name("FILE");
   app.add_option("-p,--port", o.defaults.port,
-                 "the daemons' TCP port where a target gives none")
+                 "the daemons' TCP port where a target gives none (1-65535)")
       ->type_name("PORT")
-      ->check(CLI::Range(1, 65535))
+      ->check(tovtools::portFrom(1))
       ->capture_default_str();
   app.add_option("-t,--timeout", o.defaults.timeout,
-                 "seconds to wait for a connection and for the salt")
+                 "seconds to wait for a connection and for the salt "
+                 "(0.001-86400)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.001, 86400.0))
+      ->check(tovtools::secondsIn(0.001, 86400.0))
       ->capture_default_str();
   app.add_option("--deadline", o.defaults.deadline,
-                 "seconds a scrape may take, at most (0: only Prometheus's "
-                 "scrape timeout)")
+                 "seconds a scrape may take, at most, 0-86400 (0: only "
+                 "Prometheus's scrape timeout)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 86400.0))
+      ->check(tovtools::secondsIn(0, 86400.0))
       ->capture_default_str();
   app.add_option("-d,--debug", o.debug, "library debug level 0-3")
       ->type_name("LEVEL")
-      ->check(CLI::Range(0, 3))
+      ->check(tovtools::wholeIn(0, 3))
       ->capture_default_str();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    status = app.exit(e) == 0 ? 0 : 2;
+    status = tovtools::refuseCommandLine(app, e, "tovexporter", 2);
     return false;
   }
   o.defaults.portGiven = app.count("-p") > 0;
@@ -213,68 +221,63 @@ bool setUp(const Options& o, Setup& s, std::string& why) {
   return true;
 }
 
-void route(httplib::Server& server, const Setup& s, const Defaults& d,
-           Scraper& scraper) {
+// Answers the requests: the scrapes through the scraper, whose answers come
+// later, the rest at once.
+void handle(const HttpRequest& req, const std::function<void(HttpReply)>& reply,
+            const Setup& s, const Defaults& d, Scraper& scraper) {
   static const BuildInfo build{TOVEXPORTER_VERSION, TOVEXPORTER_REVISION};
-  server.Get("/metrics", [&](const httplib::Request& req,
-                             httplib::Response& res) {
-    std::string text;
-    if (s.metricsCluster) {
-      text = scraper.scrape(s.metrics, scrapeDeadline(req, s.metrics.deadline));
+  if (req.path == "/metrics") {
+    if (!s.metricsCluster) {
+      reply({200, kExposition, scraper.own(build)});
+      return;
     }
-    res.set_content(text + scraper.own(build), kExposition);
-  });
-  server.Get("/probe",
-             [&](const httplib::Request& req, httplib::Response& res) {
-               Target target;
-               std::string why;
-               if (!probeTarget(req.params, d, s.named, target, why)) {
-                 res.status = 400;
-                 res.set_content(why + "\n", "text/plain; charset=utf-8");
-                 return;
-               }
-               res.set_content(
-                   scraper.scrape(target, scrapeDeadline(req, target.deadline)),
-                   kExposition);
-             });
-  server.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(kLanding, "text/html; charset=utf-8");
-  });
+    scraper.scrape(s.metrics,
+                   scrapeDeadline(req.scrapeTimeout, s.metrics.deadline),
+                   [reply, &scraper](const std::string& text) {
+                     reply({200, kExposition, text + scraper.own(build)});
+                   });
+  } else if (req.path == "/probe") {
+    Target target;
+    std::string why;
+    if (!probeTarget(req.params, d, s.named, target, why)) {
+      reply({400, "text/plain; charset=utf-8", why + "\n"});
+      return;
+    }
+    scraper.scrape(target, scrapeDeadline(req.scrapeTimeout, target.deadline),
+                   [reply](const std::string& text) {
+                     reply({200, kExposition, text});
+                   });
+  } else if (req.path == "/") {
+    reply({200, "text/html; charset=utf-8", kLanding});
+  } else {
+    reply({404, "text/plain; charset=utf-8", "not found\n"});
+  }
 }
 
 // Serves until SIGTERM or SIGINT; the exit status.
 int serve(const Options& o, const Setup& s) {
-  // SIGTERM and SIGINT are taken by one thread of their own, so that no
-  // other thread is interrupted by them; a broken connection is the
-  // server's business, not a reason to stop.
-  sigset_t stops;
-  sigemptyset(&stops);
-  sigaddset(&stops, SIGTERM);
-  sigaddset(&stops, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stops, nullptr);
-  // A shell that starts it in the background ignores SIGINT for it; an
-  // ignored signal never reaches sigwait().
-  signal(SIGINT, SIG_DFL);
-  signal(SIGTERM, SIG_DFL);
+  // A client that goes away shows as a failed write, not as a signal.
   signal(SIGPIPE, SIG_IGN);
-
-  Scraper scraper(s.metricsCluster ? s.metrics.name : "");
-  httplib::Server server;
-  // One snapshot is taken at a time, but scrapes of other clusters wait for
-  // their turn in threads of their own: enough for the scrapes that come
-  // while one cluster's snapshot runs to its deadline.
-  server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-  server.set_read_timeout(5, 0);
-  server.set_write_timeout(5, 0);
-  server.set_payload_max_length(4096);
-  route(server, s, o.defaults, scraper);
-
-  const int bound =
-      s.port == 0 ? server.bind_to_any_port(s.address)
-                  : (server.bind_to_port(s.address, s.port) ? s.port : -1);
-  if (bound <= 0) {
-    return fail("cannot listen on " + o.listen + ": " + std::strerror(errno));
+  // One I/O thread serves every connection; the snapshots run in child
+  // processes, each watched by a thread of its own.
+  boost::asio::io_context io(1);
+  Scraper scraper(
+      io,
+      [debug = o.debug](const Target& t,
+                        std::optional<tovexporter::Clock::time_point> end,
+                        const std::atomic<bool>& stop) {
+        return tovexporter::takeInChild(t, end, stop, debug);
+      },
+      s.metricsCluster ? s.metrics.name : "");
+  tovexporter::HttpServer server(
+      io, [&](const HttpRequest& req, std::function<void(HttpReply)> reply) {
+        handle(req, reply, s, o.defaults, scraper);
+      });
+  std::string why;
+  if (!server.listen(s.address, s.port, why)) {
+    return fail("cannot listen on " + o.listen + ": " + why);
   }
+  const int bound = server.port();
   if (!o.readyFile.empty()) {
     // Whole or not at all: a script may read it the moment it appears.
     const std::string part = o.readyFile + ".part";
@@ -285,15 +288,14 @@ int serve(const Options& o, const Setup& s) {
                "tovexporter: serving /metrics and /probe on %s port %d\n",
                s.address.c_str(), bound);
 
-  std::thread stopper([&server, stops] {
-    int sig = 0;
-    sigwait(&stops, &sig);
+  // A shell that starts it in the background ignores SIGINT for it; the
+  // signal set catches it all the same.
+  boost::asio::signal_set stops(io, SIGTERM, SIGINT);
+  stops.async_wait([&](const boost::system::error_code&, int) {
     server.stop();
+    io.stop();
   });
-  server.listen_after_bind();
-  // Listening ended by itself: let the stopper go.
-  pthread_kill(stopper.native_handle(), SIGTERM);
-  stopper.join();
+  io.run();
   if (!o.readyFile.empty()) std::remove(o.readyFile.c_str());
   std::fprintf(stderr, "tovexporter: stopped\n");
   return 0;
@@ -302,13 +304,20 @@ int serve(const Options& o, const Setup& s) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::strcmp(argv[1], tovexporter::kSnapshotMode) == 0) {
+    return tovexporter::snapshotChild();
+  }
   Options o;
   int status = 0;
   if (!parseCommandLine(argc, argv, o, status)) return status;
   Setup s;
   std::string why;
   if (!setUp(o, s, why)) return fail(why);
-  tov1::Debug::useColour = false;
-  tov1::tovDebug.setDebugLevel(o.debug);
+  // Each snapshot runs this program again.
+  if (access("/proc/self/exe", X_OK) != 0) {
+    return fail(std::string("cannot run its own program for snapshots: "
+                            "/proc/self/exe: ") +
+                std::strerror(errno));
+  }
   return serve(o, s);
 }

@@ -2,25 +2,21 @@
 
 #include <cmath>
 #include <cstdio>
-#include <iostream>
 #include <set>
 #include <sstream>
+#include <vector>
 
-#include "common/codenames.h"
 #include "common/text.h"
-#include "tovapi/libtovapi.h"
 
 namespace tovexporter {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Labels = std::vector<std::pair<std::string, std::string>>;
 
 const char* const kStates[] = {"running", "stopped", "starting", "stopping",
                                "broken"};
 const char* const kModes[] = {"auto", "manual"};
-const std::pair<std::string, std::string> kDeadline{"deadline", "deadline"};
 
 std::string number(double v) {
   if (std::isnan(v)) return "NaN";
@@ -192,7 +188,7 @@ std::string clusterExposition(const tovtools::Snapshot* snapshot,
     serviceSeries(out, *snapshot);
   }
   Family(out, "tov_scrape_duration_seconds", "gauge",
-         "How long this scrape took, its wait for its turn included.")
+         "How long this scrape took, its wait for a snapshot included.")
       .sample(seconds);
   return out.str();
 }
@@ -228,114 +224,6 @@ std::string ownExposition(const BuildInfo& build,
     }
   }
   return out.str();
-}
-
-std::string Scraper::scrape(const Target& target, double seconds) {
-  const auto begun = Clock::now();
-  tovtools::Deadline deadline(seconds);
-  deadline.start();
-  const auto until = begun + deadline.remaining();
-  std::unique_lock<std::mutex> lock(mu_);
-  // The turn, or the snapshot of this target that another scrape takes.
-  if (turn_.wait_until(lock, until, [&] {
-        return !current_ || current_->target == target.name;
-      })) {
-    if (current_) {
-      const std::shared_ptr<Flight> joined = current_;
-      if (turn_.wait_until(lock, until, [&] { return joined->done; })) {
-        return joined->text;
-      }
-    } else {
-      current_ = std::make_shared<Flight>();
-      current_->target = target.name;
-      const std::shared_ptr<Flight> mine = current_;
-      lock.unlock();
-      std::string text;
-      try {
-        text = take(target, deadline, begun);
-      } catch (...) {
-        // Whatever ended the snapshot (no memory, say), the scrape gets an
-        // answer and the turn passes on.
-        text = clusterExposition(nullptr, 0);
-      }
-      lock.lock();
-      mine->text = text;
-      mine->done = true;
-      current_.reset();
-      turn_.notify_all();
-      return text;
-    }
-  }
-  ++totalsOf(target.name).errors[kDeadline];
-  return clusterExposition(
-      nullptr, std::chrono::duration<double>(Clock::now() - begun).count());
-}
-
-std::string Scraper::own(const BuildInfo& build) {
-  std::lock_guard<std::mutex> lock(mu_);
-  return ownExposition(build, totals_);
-}
-
-Totals& Scraper::totalsOf(const std::string& target) {
-  auto found = totals_.find(target);
-  if (found == totals_.end()) {
-    if (totals_.size() >= kMaxTargets) {
-      auto oldest = totals_.end();
-      for (auto it = totals_.begin(); it != totals_.end(); ++it) {
-        if (it->first == pinned_) continue;
-        if (oldest == totals_.end() ||
-            it->second.lastUse < oldest->second.lastUse) {
-          oldest = it;
-        }
-      }
-      if (oldest != totals_.end()) totals_.erase(oldest);
-    }
-    found = totals_.emplace(target, Totals{}).first;
-  }
-  found->second.lastUse = ++uses_;
-  return found->second;
-}
-
-// Runs with the turn: the only thread in the library.
-std::string Scraper::take(const Target& target, tovtools::Deadline& deadline,
-                          Clock::time_point begun) {
-  tovtools::Snapshot snap;
-  Totals counted;
-  {
-    // The library's diagnostics are not the exporter's output: below level
-    // 1 they are withheld, and standard error is given back however the
-    // snapshot ends.
-    struct Quiet {
-      std::ostringstream sink;
-      std::streambuf* saved = tov1::tovDebug.getDebugLevel() > 0
-                                  ? nullptr
-                                  : std::cerr.rdbuf(sink.rdbuf());
-      ~Quiet() {
-        if (saved != nullptr) std::cerr.rdbuf(saved);
-      }
-    } quiet;
-    tov1::tovNet.setTimeout(static_cast<float>(target.timeout));
-    tovtools::SnapshotOptions so;
-    so.entries = target.entries;
-    snap = tovtools::takeSnapshot(so, deadline);
-  }
-  for (const tovtools::EntryAttempt& a : snap.entries) {
-    if (a.answered()) continue;
-    ++counted.errors[a.expired ? kDeadline
-                               : std::make_pair(std::to_string(a.code),
-                                                tovtools::codeName(a.code))];
-  }
-  if (snap.entries.empty() && snap.expired) ++counted.errors[kDeadline];
-  const double seconds =
-      std::chrono::duration<double>(Clock::now() - begun).count();
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    Totals& totals = totalsOf(target.name);
-    ++totals.scrapes;
-    totals.exchanges += snap.exchanges;
-    for (const auto& e : counted.errors) totals.errors[e.first] += e.second;
-  }
-  return clusterExposition(snap.ok() ? &snap : nullptr, seconds);
 }
 
 }  // namespace tovexporter

@@ -1,22 +1,15 @@
 // The clusters as Prometheus metrics: one snapshot written in the text
-// exposition format, the exporter's own series, and the scrapes that take
-// the snapshots.
+// exposition format, and the exporter's own series.
 #ifndef TOOLS_TOVEXPORTER_METRICS_H
 #define TOOLS_TOVEXPORTER_METRICS_H
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
-#include "common/deadline.h"
 #include "common/snapshot.h"
-#include "targets.h"
 
 namespace tovexporter {
 
@@ -54,43 +47,6 @@ std::string ownExposition(const BuildInfo& build,
 // ever new targets cannot grow the exporter without bound: a new target
 // beyond them takes the place of the one scraped longest ago.
 constexpr std::size_t kMaxTargets = 256;
-
-// Takes the snapshots for the scrapes. The library keeps its state per
-// process, so one snapshot is taken at a time: a scrape of the target whose
-// snapshot is being taken waits for it and serves it, so a burst of scrapes
-// costs one snapshot; a scrape of another target waits for its turn. Either
-// waits no longer than its own deadline.
-class Scraper {
- public:
-  // The counters of `pinned` (the cluster of /metrics) are never forgotten.
-  explicit Scraper(std::string pinned = {}) : pinned_(std::move(pinned)) {}
-
-  // The target's exposition for a scrape that may take `deadline` seconds
-  // (0: no limit) from now.
-  std::string scrape(const Target& target, double deadline);
-
-  // The exporter's own series as they stand.
-  std::string own(const BuildInfo& build);
-
- private:
-  using Clock = std::chrono::steady_clock;
-  struct Flight {
-    std::string target;
-    bool done = false;
-    std::string text;
-  };
-
-  std::string take(const Target& target, tovtools::Deadline& deadline,
-                   Clock::time_point begun);
-  Totals& totalsOf(const std::string& target);  // with mu_ held
-
-  std::string pinned_;
-  std::mutex mu_;
-  std::condition_variable turn_;
-  std::shared_ptr<Flight> current_;  // the snapshot being taken, if any
-  std::map<std::string, Totals> totals_;
-  std::uint64_t uses_ = 0;
-};
 
 }  // namespace tovexporter
 
