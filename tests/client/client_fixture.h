@@ -9,7 +9,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "doubles/doubles.h"
 #include "support/loopback_server.h"
@@ -59,12 +58,6 @@ class ClientTest : public testing::Test {
     tov1::Debug::useColour = false;
   }
   doubles::Recorder& rec() { return doubles::rec(); }
-  // Each line must (or must not) be among the traces and errors.
-  void expectTraces(const std::vector<std::string>& lines,
-                    bool present = true) {
-    for (const auto& line : lines)
-      EXPECT_EQ(rec().wrote(line), present) << "[" << line << "]";
-  }
   tov1::TOVNet net;
 };
 

@@ -7,7 +7,6 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <stdexcept>
@@ -56,7 +55,6 @@ class NetTest : public clienttest::ClientTest {
   void TearDown() override { release(); }
   char sentinel[4] = "old";
   char* buffer = sentinel;  // failures must leave it alone
-  const std::string t = "TOVNet::tovcomms(): ";
 };
 
 TEST_F(NetTest, ExchangeFramesOnTheWire) {
@@ -88,32 +86,18 @@ TEST_F(NetTest, ExchangeFramesOnTheWire) {
   ASSERT_EQ(exchange(signer.portStr(), "J\n", {"admin", "cafe"}), 0);
   EXPECT_EQ(signer.frames(),
             std::vector<std::string>{"J\nadmin, cafe bin:abcde... J\n\0"s});
-  expectTraces(
-      {t + "erasing newline found at: 1\n", t + "authvec  = admin, cafe\n",
-       t + "saltStr = abcde\0\0\0\n"s,
-       t + "output content [Length = 28] = J\nadmin, cafe bin:abcde... J\n",
-       t + "sent 30 bytes\n", t + "salt value = abcde\0\0\0\n"s,
-       t + "Server closed the socket connection\n",
-       "TOVNet::connectTimeout(): called\n"});
-  // 20000 bytes hold at most two full 8192-byte fragments.
-  const auto full = std::count(rec().writes.begin(), rec().writes.end(),
-                               t + "removing excess tail from response\n");
-  EXPECT_TRUE(full == 1 || full == 2) << full;
 }
 
 TEST_F(NetTest, ExchangeReplyCollection) {
   const std::string big = "Bn " + std::string(19997, 'x');  // 20000 bytes
+  // In pieces: the fault matrix's dribbled reply.
   const Script whole = replying(big), empty;
-  Script pieces = replying(big + '\0');
-  pieces.chunk = 3000;
-  pieces.chunkPauseMs = 5;
   const Script nulInside = replying("Ba kept\0dropped"s);
   Script lateSalt = replying("Ba");
   lateSalt.saltDelayMs = 300;
-  LoopbackServer server({whole, pieces, empty, lateSalt, nulInside});
+  LoopbackServer server({whole, empty, lateSalt, nulInside});
   const std::tuple<const char*, std::string, float> cases[] = {
       {"whole", big, 3},
-      {"in pieces", big, 3},
       {"empty", "", 3},
       {"zero timeout waits without bound", "Ba", 0},
       {"NUL ends a fragment", "Ba kept", 3}};
@@ -127,13 +111,6 @@ TEST_F(NetTest, ExchangeReplyCollection) {
     release();
   }
   EXPECT_FALSE(rec().wrote("dropped"));  // not even in the fragment trace
-  expectTraces({t + "called\n", t + "address  = 127.0.0.1\n",
-                t + "command  = B 0\n",
-                t + "setting socket timeout of 3 second(s) and 0 "
-                    "micro-second(s)\n",
-                t + "auth object NOT provided\n",
-                t + "TOV response message: Ba kept\n"});
-  expectTraces({"authvec  =", "connectTimeout(): called"}, false);
 }
 
 // Letters compose the request line, or are refused, after the refresh.
@@ -186,14 +163,6 @@ TEST_F(NetTest, ServiceLetters) {
   }
   EXPECT_EQ(rec().refreshCalls.size(), cases.size());
   EXPECT_EQ(out.text(), "Y 1 hi there\n");  // the log line, on success
-  const std::string s = "TOVNet::serviceCommand()";
-  expectTraces({s + ": Block - enable starting a service\n",
-                s + ": SERVICE COMMAND INPUT\n\tFull Command: W\n\tCMD: W\n"
-                    "\tSUB CMD:  \n\tEXT CMD:  \n",
-                s + ": authvec  = \n", s + ": serviceNum  = 1\n",
-                s + ": TOV Command to be sent: W 1\n",
-                s + "***** Start of temp buffer *****\n?a ok\n***** End of "
-                    "Temp Buffer *****\n"});
 }
 
 // The service number is checked first, for every letter; then a negative
@@ -240,13 +209,12 @@ TEST_F(NetTest, ServiceBusyRetry) {
     std::string first, then;  // the replies to the first and later sends
     unsigned attempts;
     int rc, connections;
-    std::size_t polls;    // also after the last attempt
-    std::string decoded;  // the reply dumped at level 3, if any
+    std::size_t polls;  // also after the last attempt
   } cases[] = {
-      {"Yk busy", "Ya ok", 3, 0, 2, 1, "Ya ok"},
-      {"Yk busy", "Yk busy", 2, fail(TOV_COMMS_NORESPONSE), 2, 2, ""},
-      {"Ya", "Ya", 0, fail(TOV_COMMS_NORESPONSE), 0, 0, ""},
-      {"kd failed", "Ya", 3, fail(TOV_COMMS_FAIL), 1, 0, "kd failed"},
+      {"Yk busy", "Ya ok", 3, 0, 2, 1},
+      {"Yk busy", "Yk busy", 2, fail(TOV_COMMS_NORESPONSE), 2, 2},
+      {"Ya", "Ya", 0, fail(TOV_COMMS_NORESPONSE), 0, 0},
+      {"kd failed", "Ya", 3, fail(TOV_COMMS_FAIL), 1, 0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.first + " " + std::to_string(c.attempts));
@@ -259,14 +227,6 @@ TEST_F(NetTest, ServiceBusyRetry) {
     EXPECT_EQ(server.connections(), c.connections);
     EXPECT_EQ(rec().pollTimeCalls,
               std::vector<std::string>(c.polls, "127.0.0.1"));
-    EXPECT_EQ(rec().wrote("TOVNet::serviceCommand(): TOV is busy - Retrying "
-                          "in 0 second(s)\n"),
-              c.polls > 0);
-    EXPECT_EQ(rec().writes.back(),
-              "TOVNet::serviceCommand()***** Start of temp buffer *****\n" +
-                  (c.decoded.empty()
-                       ? ""
-                       : c.decoded + "\n***** End of Temp Buffer *****\n"));
   }
 }
 
@@ -302,18 +262,13 @@ int queueOn(const Listener& listener, unsigned queued) {
 }
 
 TEST_F(NetTest, ExchangeFailuresLeaveTheBufferAlone) {
-  Script late, noSalt, resetSalt,
-      resetReply = replying(std::string(50000, 'z'));
-  late.saltDelayMs = 800;  // long after the client gave up
-  noSalt.closeBeforeSalt = true;
+  // A late salt, none, a reset mid-reply: rows of the fault matrix.
+  Script resetSalt;
   resetSalt.salt = "";
   resetSalt.readFrame = false;
   resetSalt.resetAfterReply = true;
   resetSalt.closeDelayMs = 100;  // after the client waits for the salt
-  resetReply.chunk = 10000;
-  resetReply.chunkPauseMs = 20;
-  resetReply.resetAfterReply = true;
-  LoopbackServer server({late, noSalt, resetSalt, resetReply});
+  LoopbackServer server({resetSalt});
   const std::string port = server.portStr();
   const Listener full(1);
   const int queued[] = {queueOn(full, 1), queueOn(full, 2)};  // full now
@@ -337,14 +292,8 @@ TEST_F(NetTest, ExchangeFailuresLeaveTheBufferAlone) {
        "cannot connect to server 127.0.0.1: Connection refused\n"},
       {lo, full.port, 0, 0.2f, fail(TOV_SOCK_CONNECT),
        "cannot connect to server 127.0.0.1: Connection timed out\n"},
-      {lo, port, 0, 0.2f, fail(TOV_SOCK_TIMEOUT),
-       "network timed out connecting to 127.0.0.1:" + port + "\n"},
-      {lo, port, 0, 3, fail(TOV_COMMS_SALT),
-       "host didn't return a salt: 127.0.0.1:"},
       {lo, port, 0, 3, fail(TOV_COMMS_SALT),
        "failed to receive salt from host: 127.0.0.1:"},
-      {lo, port, 0, 3, fail(TOV_SOCK_RECV),
-       "recv() command reported an error ["},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error);

@@ -1,6 +1,5 @@
 #include "doubles.h"
 
-#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <sstream>

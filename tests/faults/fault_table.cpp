@@ -1,8 +1,5 @@
 #include "fault_table.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -202,14 +199,11 @@ int openDescriptors() {
 
 std::unique_ptr<simtest::SimProcess> startSimulator(
     const std::vector<std::string>& simArgs, long long pollTime) {
-  simtest::SimOptions o;
-  o.configJson = simtest::defaultConfigJson();
+  std::string config = simtest::defaultConfigJson();
   const std::string from = "\"poll_time\": 1";
-  o.configJson.replace(o.configJson.find(from), from.size(),
-                       "\"poll_time\": " + std::to_string(pollTime));
-  o.extraArgs = simArgs;
-  o.maxLifetimeSec = 60;
-  return std::make_unique<simtest::SimProcess>(o);
+  config.replace(config.find(from), from.size(),
+                 "\"poll_time\": " + std::to_string(pollTime));
+  return simtest::startSim(simArgs, config);
 }
 
 std::string onTarget(const Fault& f,
@@ -220,8 +214,7 @@ std::string onTarget(const Fault& f,
   } else if (f.target == Target::Simulator) {
     auto sim = startSimulator(f.simArgs, f.pollTime);
     observe(f, "127.0.0.1", sim->portStr());
-    sim->stop();
-    EXPECT_EQ(sim->exitStatus(), 0) << sim->log();
+    EXPECT_EQ(sim->stop(), 0) << sim->log();
   } else {
     netnstest::PrivateNetwork net;
     if (net.ready()) {

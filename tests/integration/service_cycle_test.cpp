@@ -1,6 +1,7 @@
-// The real library against the real simulator: who may change a service,
-// each command shown by the information reply, the quiet probe, and
-// discovery on loopback.
+// The real library against the real simulator: each command shown by the
+// information reply, and the quiet probe. (Who may change a service: the
+// simulator's own tests and the fault matrix; discovery against the
+// simulator: `tovctl discover --raw`.)
 #include <gtest/gtest.h>
 
 #include <iostream>
@@ -21,11 +22,7 @@ constexpr int fail(tov_error_enum code) { return -static_cast<int>(code); }
 class AgainstSimulator : public testing::Test {
  protected:
   void start(std::vector<std::string> extraArgs = {}) {
-    simtest::SimOptions options;
-    options.configJson = simtest::defaultConfigJson();
-    options.extraArgs = std::move(extraArgs);
-    options.maxLifetimeSec = 60;
-    sim = std::make_unique<simtest::SimProcess>(options);
+    sim = simtest::startSim(std::move(extraArgs));
     port = sim->portStr();
     tovDebug.setDebugLevel(0);
     tovNet.setTimeout(3.0f);
@@ -56,42 +53,6 @@ class AgainstSimulator : public testing::Test {
       tovAuth.genObject("admin", "secret", "");
 };
 
-TEST_F(AgainstSimulator, OnlyTheRightPasswordChangesAService) {
-  start();
-  const auto wrong = tovAuth.genObject("admin", "not-the-password", "");
-  struct Row {
-    const char* name;
-    std::string line;
-    std::vector<std::string> auth;
-    const char* reply;  // its first two bytes
-    const char* after;  // "state mode blocked" of service 0 afterwards
-  };
-  const Row rows[] = {
-      {"wrong password", "G 0", wrong, "Gd", "running auto 0"},
-      {"no authentication", "G 0", {}, "Gd", "running auto 0"},
-      {"unknown user", "G 0", tovAuth.genObject("nobody", "secret", ""), "Gd",
-       "running auto 0"},
-      {"a read needs none", "V 0", {}, "Vn", "running auto 0"},
-      {"the information request", "", {}, "Cn", "running auto 0"},
-      {"right password", "G 0", admin, "Ga", "stopped manual 0"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    char* buffer = nullptr;
-    ASSERT_EQ(tovNet.tovcomms(buffer, host, port, row.line, row.auth, ""), 0);
-    EXPECT_EQ(std::string(buffer, 2), row.reply) << buffer;
-    if (buffer[1] == 'd') {
-      EXPECT_EQ(tovResponse.getTOVResponseMsg(buffer), "authentication failed");
-    }
-    delete[] buffer;
-    EXPECT_EQ(service(0), row.after);
-  }
-  // The password check, through serviceCommand.
-  const std::string check("J\0", 2);
-  EXPECT_EQ(command(check, 0, admin), 0);
-  EXPECT_EQ(command(check, 0, wrong), fail(TOV_COMMS_FAIL));
-}
-
 TEST_F(AgainstSimulator, EachCommandShowsInTheInformationReply) {
   // The first request meets a busy daemon: it must be retried, not decoded.
   start({"--busy", "1"});
@@ -119,6 +80,9 @@ TEST_F(AgainstSimulator, EachCommandShowsInTheInformationReply) {
       EXPECT_EQ(service(step.service), step.after);
     }
   }
+  // The password check, through serviceCommand (a wrong password: the
+  // fault matrix).
+  EXPECT_EQ(command(std::string("J\0", 2), 0, admin), 0);
   // A log entry goes to the daemon's log and is echoed here.
   Capture out(std::cout);
   EXPECT_EQ(command("Y", 0, admin, "maintenance window"), 0);
@@ -137,31 +101,6 @@ TEST_F(AgainstSimulator, ProbeOfLiveAndDeadNodesIsQuiet) {
   }
   EXPECT_TRUE(Debug::useColour);
   Debug::useColour = false;
-}
-
-TEST(LoopbackDiscovery, FindsTheClusterThroughEitherNode) {
-  simtest::SimOptions options;
-  options.configJson = simtest::defaultConfigJson();
-  options.listen = {"127.0.4.1", "127.0.4.2"};
-  options.udpPort = 1195;
-  options.maxLifetimeSec = 30;
-  std::unique_ptr<simtest::SimProcess> nodes;
-  try {
-    nodes = std::make_unique<simtest::SimProcess>(options);
-  } catch (const std::exception& e) {
-    GTEST_SKIP() << "UDP port 1195 on 127.0.4.x is taken: " << e.what();
-  }
-  for (const char* target : {"127.0.4.1", "127.0.4.2"}) {
-    SCOPED_TRACE(target);
-    Capture out(std::cout);
-    EXPECT_EQ(tovNet.discoverClusters(target, tov_discover_all, false), 0);
-    const std::string text = out.text();
-    EXPECT_EQ(text.rfind("Searching for Clusters... Done\n\nC testcluster ", 0),
-              0u)
-        << text;
-    EXPECT_NE(text.find("\nN node1 127.0.0.1 4\n"), std::string::npos);
-    EXPECT_NE(text.find(" Found 1 cluster(s)\n"), std::string::npos);
-  }
 }
 
 }  // namespace

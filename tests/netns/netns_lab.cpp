@@ -10,6 +10,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "support/net_helpers.h"
 
 namespace netnstest {
 
@@ -151,6 +155,35 @@ bool PrivateNetwork::leave() {
   if (home_ >= 0) close(home_);
   home_ = -1;
   return home;
+}
+
+SilentNameserver::SilentNameserver() {
+  std::string server = "127.0.0.1";
+  std::ifstream conf("/etc/resolv.conf");
+  for (std::string line; std::getline(conf, line);) {
+    std::istringstream words(line);
+    std::string key, value;
+    if (words >> key >> value && key == "nameserver") {
+      server = value;
+      break;
+    }
+  }
+  const bool v6 = server.find(':') != std::string::npos;
+  // Fails harmlessly for a loopback server such as 127.0.0.53: it is there
+  // already.
+  shell("ip addr add " + server + (v6 ? "/128" : "/32") + " dev lo");
+  fd_ = testsupport::boundUdp(server, 53);
+  if (fd_ < 0) why_ = "cannot hold " + server + " port 53";
+}
+
+SilentNameserver::~SilentNameserver() {
+  if (fd_ >= 0) close(fd_);
+}
+
+int SilentNameserver::queries() {
+  char buf[512];
+  while (fd_ >= 0 && recv(fd_, buf, sizeof buf, MSG_DONTWAIT) > 0) ++queries_;
+  return queries_;
 }
 
 }  // namespace netnstest

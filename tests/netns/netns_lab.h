@@ -69,6 +69,28 @@ class PrivateNetwork {
   bool ready_ = false;
 };
 
+// Inside a PrivateNetwork: the first name server of /etc/resolv.conf (the
+// resolver's 127.0.0.1 when there is none) put on loopback, where a UDP
+// socket takes the queries and never answers them. The glibc resolver
+// retries such a server by itself; no signal ends its wait.
+class SilentNameserver {
+ public:
+  SilentNameserver();
+  ~SilentNameserver();
+  SilentNameserver(const SilentNameserver&) = delete;
+  SilentNameserver& operator=(const SilentNameserver&) = delete;
+
+  // Why it could not be set up, or "".
+  const std::string& why() const { return why_; }
+  // How many queries have come so far.
+  int queries();
+
+ private:
+  int fd_ = -1;
+  int queries_ = 0;
+  std::string why_;
+};
+
 // Runs fn in a child process inside a fresh, unnamed namespace, after the
 // setup commands (ip arguments, one per entry). Status 77: no namespace.
 Outcome runIsolated(const std::vector<std::string>& setup,

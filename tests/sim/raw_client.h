@@ -9,16 +9,14 @@
 #include <openssl/sha.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "support/net_helpers.h"
 #include "support/sim.h"
 
 namespace rawtest {
@@ -33,6 +31,12 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
+using testsupport::addressOf;
+using testsupport::connectTcp;
+using testsupport::Got;
+using testsupport::readFor;
+using testsupport::sendAll;
+using testsupport::Socket;
 
 const std::string kDefault = simtest::defaultConfigJson();
 const std::string kUser = "admin";  // of the default cluster
@@ -68,69 +72,11 @@ inline SimOptions withConfig(Str json, Strings args = {}) {
   return o;
 }
 
-struct Socket {
-  explicit Socket(int f) : fd(f) {}
-  Socket(Socket&& o) noexcept : fd(o.fd) { o.fd = -1; }
-  ~Socket() { close(fd); }  // -1 after a move: harmless
-  int fd;
-};
-
-inline sockaddr_in addressOf(Str address, int port) {
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, address.c_str(), &sa.sin_addr);
-  return sa;
-}
-
-// Throws std::runtime_error when the connection fails.
-inline Socket connectTcp(Str address, int port) {
-  const sockaddr_in sa = addressOf(address, port);
-  Socket s(socket(AF_INET, SOCK_STREAM, 0));
-  if (connect(s.fd, reinterpret_cast<const sockaddr*>(&sa), sizeof sa) != 0) {
-    throw std::runtime_error(address + ": " + std::strerror(errno));
-  }
-  return s;
-}
-
-struct Got {
-  std::string bytes;
-  int err = 0;       // errno of a failed read
-  bool eof = false;  // the peer closed
-  std::size_t reads = 0;
-  std::string salt;  // of an exchange
-};
-
-// Reads until `n` bytes, end of stream, an error or `ms` milliseconds.
-inline Got readFor(int fd, std::size_t n, int ms) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(ms);
-  Got g;
-  for (pollfd p{fd, POLLIN, 0}; g.bytes.size() < n && g.reads < 100000 &&
-                                poll(&p, 1, msUntil(deadline)) > 0;
-       ++g.reads) {
-    char buf[8192];
-    const ssize_t got =
-        recv(fd, buf, std::min(sizeof buf, n - g.bytes.size()), 0);
-    if (got <= 0) {
-      g.eof = got == 0;
-      g.err = got < 0 ? errno : 0;
-      break;
-    }
-    g.bytes.append(buf, static_cast<std::size_t>(got));
-  }
-  return g;
-}
-
 inline std::string readSome(int fd, std::size_t n, int ms = 5000) {
   return readFor(fd, n, ms).bytes;
 }
 
 inline Got readToClose(int fd) { return readFor(fd, std::string::npos, 10000); }
-
-inline void sendAll(int fd, Str bytes) {
-  ASSERT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-            static_cast<ssize_t>(bytes.size()));
-}
 
 // "<user> <hex HMAC-SHA-256(SHA-256(password), binsalt + line)>"; a salt of
 // 8 hex digits stands for 4 bytes, anything else is used as it is.

@@ -164,7 +164,7 @@ TEST(SimRequests, ShutdownAndHaltAnswerThenExit) {
     SimProcess sim(withConfig(kDefault));
     EXPECT_EQ(firstLine(reply(sim.port(), c.first, true)), c.second);
     ASSERT_TRUE(eventually([&] { return !sim.running(); })) << sim.log();
-    EXPECT_EQ(sim.exitStatus(), 0);
+    EXPECT_EQ(sim.stop(), 0);
     EXPECT_THROW(connectTcp("127.0.0.1", sim.port()), std::runtime_error);
   }
 }

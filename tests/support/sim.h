@@ -3,10 +3,11 @@
 #ifndef TESTS_SUPPORT_SIM_H
 #define TESTS_SUPPORT_SIM_H
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "support/process.h"
 
 namespace simtest {
 
@@ -26,43 +27,36 @@ struct SimOptions {
 
 class SimProcess {
  public:
-  // Spawns tovsim and waits (at most 10 s) for its ready file; throws
+  // Starts tovsim and waits (at most 10 s) for its ready file; throws
   // std::runtime_error with the simulator's log on failure.
   explicit SimProcess(const SimOptions& opts);
-  // stop(), then removes the temp files.
-  ~SimProcess();
-  SimProcess(const SimProcess&) = delete;
-  SimProcess& operator=(const SimProcess&) = delete;
 
-  int port() const;
-  std::string portStr() const;
+  int port() const { return port_; }
+  std::string portStr() const { return std::to_string(port_); }
   // What the simulator wrote to stderr/stdout so far.
-  std::string log() const;
-  bool running();
-  // SIGTERM, bounded wait, SIGKILL fallback.
-  void stop();
-  // Exit status once it has ended by itself or through stop(); -1 while it
-  // runs or when it ended through a signal.
-  int exitStatus();
+  std::string log() const { return testsupport::readFile(dir_.file("log")); }
+  bool running() { return child_->running(); }
+  // Ends it unless it has ended (SIGTERM, then SIGKILL); its exit status,
+  // -1 when a signal ended it.
+  int stop() { return child_->stop(); }
 
  private:
-  void start(const SimOptions& opts);
-  void removeFiles();
-  bool reap(bool block);
-
-  pid_t pid_ = -1;
+  testsupport::TempDir dir_;
+  std::unique_ptr<testsupport::Child> child_;
   int port_ = 0;
-  int status_ = -1;
-  std::string dir_;
-  std::string logPath_;
-  std::string configPath_;
-  std::string readyPath_;
 };
 
 // A small default cluster: cluster "testcluster", services 0 "web" (running,
 // auto) and 1 "db" (stopped, manual), poll time 1, one node "node1" on
 // 127.0.0.1, user "admin" with password "secret".
 std::string defaultConfigJson();
+
+// tovsim on `listen` (port 0: any), ending by itself after a minute.
+std::unique_ptr<SimProcess> startSim(
+    std::vector<std::string> extraArgs = {},
+    std::string configJson = defaultConfigJson(),
+    std::vector<std::string> listen = {"127.0.0.1"}, int port = 0,
+    int udpPort = 0);
 
 }  // namespace simtest
 

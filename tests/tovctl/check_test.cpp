@@ -1,6 +1,6 @@
 // `tovctl check` as a monitoring system runs it: verdicts, thresholds per
 // count, ignored services, the -v levels, an entry node that does not
-// answer, and the check's own help.
+// answer (its help: command_line_test.cpp).
 #include <algorithm>
 #include <regex>
 
@@ -17,6 +17,11 @@ std::string esc(const std::string& text) {
 const std::string kAll = esc(kSummary);
 // The performance data of any thresholds; rows that check them spell it out.
 const std::string kAnyPerf = "nodes_answering=[^|\n]* time=[0-9.]+s;;;0;8";
+
+// The one line of a check that could not run.
+std::string unknown(const std::string& text) {
+  return "TOVCLUSTER UNKNOWN - " + text + "[^\n]*\n";
+}
 
 // The status line alone, through the simulator ({at}).
 std::string line(const std::string& state, const std::string& text = kAll,
@@ -42,14 +47,31 @@ void expectPlainText(const std::string& out) {
   }
 }
 
-const std::string kWithoutMail =
+const std::string kNoMail =
     esc("3 nodes (2 answering, 1 silent), 4 services (1 running, 1 stopped, 1 "
         "starting, 1 stopping), 1 ignored");
-const std::string kWithoutMailPerf =
+const std::string kNoMailPerf =
     "nodes_answering=2;;;0;3 nodes_silent=1;0;;0;3 services_running=1;;;0;4 "
     "services_not_running=3;0;;0;4 services_stopped=1;;;0;4 "
     "services_blocked=0;;;0;4 services_broken=0;0;0;0;4 "
     "services_ignored=1;;;0;5 time=[0-9.]+s;;;0;8";
+// With no threshold given, and with -w 1,4,1 -c 0,4,2:.
+const std::string kPerf =
+    "nodes_answering=2;;;0;3 nodes_silent=1;0;;0;3 services_running=1;;;0;5 "
+    "services_not_running=4;0;;0;5 services_stopped=1;;;0;5 "
+    "services_blocked=1;;;0;5 services_broken=1;0;0;0;5 "
+    "services_ignored=0;;;0;5 time=[0-9.]+s;;;0;8";
+const std::string kPerfRanges =
+    "nodes_answering=2;;;0;3 nodes_silent=1;1;0;0;3 services_running=1;;;0;5 "
+    "services_not_running=4;4;4;0;5 services_stopped=1;;;0;5 "
+    "services_blocked=1;;;0;5 services_broken=1;1;2:;0;5 "
+    "services_ignored=0;;;0;5 time=[0-9.]+s;;;0;8";
+const std::string kAutoOnly =
+    esc("3 nodes (2 answering, 1 silent), 4 services (1 running, 1 starting, 1 "
+        "stopping, 1 broken, 1 blocked), 1 ignored");
+const std::string kAutoNoMail =
+    esc("3 nodes (2 answering, 1 silent), 3 services (1 running, 1 starting, 1 "
+        "stopping), 2 ignored");
 const std::string kConfig =
     "warning thresholds: silent nodes 0, services not running 0, services "
     "broken 0\ncritical thresholds: silent nodes none, services not running "
@@ -74,7 +96,7 @@ const std::string kVerbose =
 const std::string kEntry = "entry node \\{at\\} answered \\([0-9.]+ s\\)\n";
 
 TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
-  sim_ = newSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
+  sim_ = startSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
   const std::string in = esc("--ignore-service mail leaves out mail\n");
   struct Row {
     Args args;
@@ -83,37 +105,18 @@ TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
   };
   const std::vector<Row> rows{
       // Any broken service is CRITICAL, the rest a WARNING.
-      {{},
-       2,
-       line("CRITICAL", kAll,
-            "nodes_answering=2;;;0;3 nodes_silent=1;0;;0;3 "
-            "services_running=1;;;0;5 services_not_running=4;0;;0;5 "
-            "services_stopped=1;;;0;5 services_blocked=1;;;0;5 "
-            "services_broken=1;0;0;0;5 services_ignored=0;;;0;5 "
-            "time=[0-9.]+s;;;0;8")},
-      {{"--ignore-service", "mail"},
-       1,
-       line("WARNING", kWithoutMail, kWithoutMailPerf)},
-      {{"--ignore-service", "ma*"},
-       1,
-       line("WARNING", kWithoutMail, kWithoutMailPerf)},
-      {{"--ignore-service", "4"},
-       1,
-       line("WARNING", kWithoutMail, kWithoutMailPerf)},
+      {{}, 2, line("CRITICAL", kAll, kPerf)},
+      {{"--ignore-service", "mail"}, 1, line("WARNING", kNoMail, kNoMailPerf)},
+      {{"--ignore-service", "ma*"}, 1, line("WARNING", kNoMail, kNoMailPerf)},
+      {{"--ignore-service", "4"}, 1, line("WARNING", kNoMail, kNoMailPerf)},
       {{"--ignore-service", "m"}, 2, line("CRITICAL")},
-      {{"--auto-only"},
-       2,
-       line("CRITICAL",
-            esc("3 nodes (2 answering, 1 silent), 4 services (1 running, 1 "
-                "starting, 1 stopping, 1 broken, 1 blocked), 1 ignored"))},
+      {{"--auto-only"}, 2, line("CRITICAL", kAutoOnly)},
       {{"--auto-only", "--ignore-service", "mail", "-w", ",2"},
        1,
-       line("WARNING", esc("3 nodes (2 answering, 1 silent), 3 services (1 "
-                           "running, 1 starting, 1 stopping), 2 ignored"))},
+       line("WARNING", kAutoNoMail)},
       {{"--auto-only", "--ignore-service", "mail", "-w", "1,2"},
        0,
-       line("OK", esc("3 nodes (2 answering, 1 silent), 3 services (1 "
-                      "running, 1 starting, 1 stopping), 2 ignored"))},
+       line("OK", kAutoNoMail)},
       // Counts of 1 silent, 4 not running, 1 broken against each range.
       {{"-w", "1,4,1", "-c", ",,~:"}, 0, line("OK")},
       {{"-w", "0,4,1", "-c", ",,~:"}, 1, line("WARNING")},
@@ -127,32 +130,18 @@ TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
       {{"-w", "1,4,1", "-c", "1,4,1"}, 0, line("OK")},
       {{"-w", "1,4,1", "-c", "1,4"}, 2, line("CRITICAL")},
       {{"-w", "1,4,1", "-c", "1,3,1"}, 2, line("CRITICAL")},
-      {{"-w", "1,4,1", "-c", "0,4,2:"},
-       2,
-       line("CRITICAL", kAll,
-            "nodes_answering=2;;;0;3 nodes_silent=1;1;0;0;3 "
-            "services_running=1;;;0;5 services_not_running=4;4;4;0;5 "
-            "services_stopped=1;;;0;5 services_blocked=1;;;0;5 "
-            "services_broken=1;1;2:;0;5 services_ignored=0;;;0;5 "
-            "time=[0-9.]+s;;;0;8")},
+      {{"-w", "1,4,1", "-c", "0,4,2:"}, 2, line("CRITICAL", kAll, kPerfRanges)},
       // Everything it can say about a bad command line is one line.
-      {{"-w", "2:1"}, 3, "TOVCLUSTER UNKNOWN - -w 2:1: the start [^\n]*\n"},
-      {{"-w", "x"},
-       3,
-       "TOVCLUSTER UNKNOWN - -w x: \"x\" is not a range[^\n]*\n"},
-      {{"-w", "1,2,3,4"},
-       3,
-       "TOVCLUSTER UNKNOWN - -w 1,2,3,4: at most [^\n]*\n"},
+      {{"-w", "2:1"}, 3, unknown("-w 2:1: the start ")},
+      {{"-w", "x"}, 3, unknown("-w x: \"x\" is not a range")},
+      {{"-w", "1,2,3,4"}, 3, unknown("-w 1,2,3,4: at most ")},
       {{"-c", "1;2|\x01"},
        3,
-       "TOVCLUSTER UNKNOWN - -c 1,2/\\\\x01: \"1,2/\\\\x01\" is not a "
-       "range[^\n]*\n"},
-      {{"--ignore-service", ""},
-       3,
-       "TOVCLUSTER UNKNOWN - --ignore-service[^\n]*\n"},
-      {{"--verbose=-1"}, 3, "TOVCLUSTER UNKNOWN - --verbose[^\n]*\n"},
-      {{"--frobnicate"}, 3, "TOVCLUSTER UNKNOWN - usage: [^\n]*\n"},
-      {{"--deadline", "0.001"}, 3, "TOVCLUSTER UNKNOWN - deadline of [^\n]*\n"},
+       unknown(R"(-c 1,2/\\x01: "1,2/\\x01" is not a range)")},
+      {{"--ignore-service", ""}, 3, unknown("--ignore-service")},
+      {{"--verbose=-1"}, 3, unknown("--verbose")},
+      {{"--frobnicate"}, 3, unknown("usage: ")},
+      {{"--deadline", "0.001"}, 3, unknown("deadline of ")},
       // Only when no entry node answers is the cluster out of reach.
       {{"-H", "127.0.0.7", "-H", "127.0.0.8"},
        2,
@@ -160,10 +149,6 @@ TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
        "127\\.0\\.0\\.7:[0-9]+ \\(cannot connect[^)]*\\), "
        "127\\.0\\.0\\.8:[0-9]+ "
        "\\(cannot connect[^)]*\\)\n"},
-      {{"-H", "127.0.0.7", "-H", "127.0.0.1", "-w", "1,4", "--ignore-service",
-        "mail"},
-       0,
-       line("OK", kWithoutMail)},
       // The -v levels.
       {{"--verbose=1"}, 2, line("CRITICAL", kAll + kVerbose)},
       {{"-vv"},
@@ -173,8 +158,8 @@ TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
            kProblems},
       {{"-vvvv", "--ignore-service", "m*", "-c", ",,~:"},
        1,
-       line("WARNING", kWithoutMail + " - silent: gamma - not running: db, "
-                                      "queue, cache") +
+       line("WARNING", kNoMail + " - silent: gamma - not running: db, "
+                                 "queue, cache") +
            kEntry +
            "warning thresholds: [^\n]*\ncritical thresholds: silent nodes "
            "none, services not running none, services broken ~:\n" +
@@ -184,9 +169,7 @@ TEST_F(Tovctl, CheckFollowsTheMonitoringPluginConventions) {
         "--ignore-service", "mail", "--ignore-service", "x*"},
        1,
        line("WARNING",
-            esc("3 nodes (2 answering, 1 silent), 3 services (1 running, 1 "
-                "starting, 1 stopping), 2 ignored - silent: gamma - not "
-                "running: queue, cache")) +
+            kAutoNoMail + " - silent: gamma - not running: queue, cache") +
            "entry node 127\\.0\\.0\\.7:[0-9]+ did not answer: cannot "
            "connect[^\n]*\n" +
            kEntry + kConfig + in +
@@ -234,8 +217,8 @@ TEST_F(Tovctl, CheckNamesFiveOfAListOnItsStatusLine) {
              R"(", "address": "127.0.)" + std::to_string(1 + i / 250) + "." +
              std::to_string(i % 250 + 1) + R"(", "silent": true})";
   }
-  sim_ = newSim({}, R"({"cluster": {"name": "big"}, "nodes": [)" + nodes +
-                        R"(], "services": [{"name": "web", "state": "running",
+  sim_ = startSim({}, R"({"cluster": {"name": "big"}, "nodes": [)" + nodes +
+                          R"(], "services": [{"name": "web", "state": "running",
                         "mode": "auto", "node": "n1"}]})");
   const Outcome r = tool({"check", "-v"});
   EXPECT_EQ(r.status, 1) << r.err;
@@ -245,23 +228,6 @@ TEST_F(Tovctl, CheckNamesFiveOfAListOnItsStatusLine) {
                                   "service (1 running) - silent: n2, n3, n4, "
                                   "n5, n6 and 250 more | "));
   EXPECT_LT(lines[0].find(" | "), 200u);
-}
-
-TEST(TovctlCheckHelp, ShowsTheExitStatusesOfTheCheckAlone) {
-  for (const Args& args : {Args{"help", "check"}, Args{"check", "--help"}}) {
-    SCOPED_TRACE(testing::PrintToString(args));
-    const Outcome r = runTovctl(args);
-    EXPECT_EQ(r.status, 0);
-    for (const char* status :
-         {"0  OK", "1  WARNING", "2  CRITICAL", "3  UNKNOWN"}) {
-      EXPECT_THAT(r.out, HasSubstr(status));
-    }
-    EXPECT_THAT(r.out, HasSubstr("-c ,,~:"));
-    for (const char* general : {"98", "99", "100"}) {
-      EXPECT_THAT(r.out, testing::Not(HasSubstr(general)));
-    }
-  }
-  EXPECT_THAT(runTovctl({"help", "status"}).out, HasSubstr("98 "));
 }
 
 }  // namespace

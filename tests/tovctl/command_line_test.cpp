@@ -1,9 +1,9 @@
 // One command-line convention for the three tools: the same validators
 // (seconds, ports, whole numbers), the same usage line and each tool's
-// documented status, and help without the parser's type annotations.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+// documented status, and help without the parser's type annotations that
+// lists each command's exit statuses.
 
+#include <array>
 #include <regex>
 
 #include "tovctl_fixture.h"
@@ -34,113 +34,49 @@ const Tool& tool(const std::string& name) {
 }
 
 TEST(CommandLines, BadNumbersGiveTheUsageLineAndTheToolsStatus) {
-  const std::string seconds = "\" is not a number of seconds from ";
-  struct Case {
-    const char* tool;
-    Args args;
-    std::string option, value, range;
+  const std::string sec = "\" is not a number of seconds from ";
+  const std::string port = "\" is not a port from ";
+  const std::string whole = "\" is not a whole number from ";
+  // The tool, its arguments, and what follows "usage: ".
+  const std::vector<std::array<std::string, 3>> rows{
+      {"tovctl", "-t nan services",
+       "--timeout: \"nan" + sec + "0.001 to 86400"},
+      {"tovctl", "--deadline inf info",
+       "--deadline: \"inf" + sec + "0 to 86400"},
+      {"tovctl", "--deadline -1 info", "--deadline: \"-1" + sec + "0 to 86400"},
+      {"tovctl", "-p 65536 info", "--port: \"65536" + port + "1 to 65535"},
+      {"tovctl", "-p http info", "--port: \"http" + port + "1 to 65535"},
+      {"tovctl", "-a 0 info", "--attempts: \"0" + whole + "1 to 100"},
+      {"tovctl", "status --watch --count 1.5",
+       "--count: \"1.5" + whole + "1 to 1000000"},
+      {"tovexporter", "-t nan", "--timeout: \"nan" + sec + "0.001 to 86400"},
+      {"tovexporter", "--deadline nan",
+       "--deadline: \"nan" + sec + "0 to 86400"},
+      {"tovexporter", "--deadline -inf",
+       "--deadline: \"-inf" + sec + "0 to 86400"},
+      {"tovexporter", "-p 0", "--port: \"0" + port + "1 to 65535"},
+      {"tovexporter", "-d x", "--debug: \"x" + whole + "0 to 3"},
+      {"tovsim", "--read-timeout nan",
+       "--read-timeout: \"nan" + sec + "0.01 to 3600"},
+      {"tovsim", "--read-timeout 3601",
+       "--read-timeout: \"3601" + sec + "0.01 to 3600"},
+      {"tovsim", "--udp-port -1", "--udp-port: \"-1" + port + "0 to 65535"},
+      {"tovsim", "--max-connections 4097",
+       "--max-connections: \"4097" + whole + "1 to 4096"},
+      {"tovsim", "--split-salt 0x10",
+       "--split-salt: \"0x10" + whole + "0 to 3600000"},
+      {"tovsim", "--salt 0BADC0DE",
+       "--salt: \"0BADC0DE\" is not 8 hex digits (0-9, a-f)"},
   };
-  const std::vector<Case> cases{
-      {"tovctl",
-       {"-t", "nan", "services"},
-       "--timeout",
-       "nan",
-       seconds + "0.001 to 86400"},
-      {"tovctl",
-       {"--deadline", "inf", "info"},
-       "--deadline",
-       "inf",
-       seconds + "0 to 86400"},
-      {"tovctl",
-       {"--deadline", "-1", "info"},
-       "--deadline",
-       "-1",
-       seconds + "0 to 86400"},
-      {"tovctl",
-       {"-p", "65536", "info"},
-       "--port",
-       "65536",
-       "\" is not a port from 1 to 65535"},
-      {"tovctl",
-       {"-p", "http", "info"},
-       "--port",
-       "http",
-       "\" is not a port from 1 to 65535"},
-      {"tovctl",
-       {"-a", "0", "info"},
-       "--attempts",
-       "0",
-       "\" is not a whole number from 1 to 100"},
-      {"tovctl",
-       {"status", "--watch", "--count", "1.5"},
-       "--count",
-       "1.5",
-       "\" is not a whole number from 1 to 1000000"},
-      {"tovexporter",
-       {"-t", "nan"},
-       "--timeout",
-       "nan",
-       seconds + "0.001 to 86400"},
-      {"tovexporter",
-       {"--deadline", "nan"},
-       "--deadline",
-       "nan",
-       seconds + "0 to 86400"},
-      {"tovexporter",
-       {"--deadline", "-inf"},
-       "--deadline",
-       "-inf",
-       seconds + "0 to 86400"},
-      {"tovexporter",
-       {"-p", "0"},
-       "--port",
-       "0",
-       "\" is not a port from 1 to 65535"},
-      {"tovexporter",
-       {"-d", "x"},
-       "--debug",
-       "x",
-       "\" is not a whole number from 0 to 3"},
-      {"tovsim",
-       {"--read-timeout", "nan"},
-       "--read-timeout",
-       "nan",
-       seconds + "0.01 to 3600"},
-      {"tovsim",
-       {"--read-timeout", "3601"},
-       "--read-timeout",
-       "3601",
-       seconds + "0.01 to 3600"},
-      {"tovsim",
-       {"--udp-port", "-1"},
-       "--udp-port",
-       "-1",
-       "\" is not a port from 0 to 65535"},
-      {"tovsim",
-       {"--max-connections", "4097"},
-       "--max-connections",
-       "4097",
-       "\" is not a whole number from 1 to 4096"},
-      {"tovsim",
-       {"--split-salt", "0x10"},
-       "--split-salt",
-       "0x10",
-       "\" is not a whole number from 0 to 3600000"},
-      {"tovsim",
-       {"--salt", "0BADC0DE"},
-       "--salt",
-       "0BADC0DE",
-       "\" is not 8 hex digits (0-9, a-f)"},
-  };
-  for (const Case& c : cases) {
-    const Tool& t = tool(c.tool);
+  for (const auto& [name, args, says] : rows) {
+    const Tool& t = tool(name);
     if (t.path.empty()) continue;  // not built here
-    SCOPED_TRACE(t.name + " " + testing::PrintToString(c.args));
-    const Outcome r = runProgram(t.path, c.args);
+    SCOPED_TRACE(name + " " + args);
+    const Outcome r = runProgram(t.path, testsupport::words(args));
     EXPECT_EQ(r.status, t.usage);
     EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, t.name + ": usage: " + c.option + ": \"" + c.value +
-                         c.range + " (see " + t.name + " --help)\n");
+    EXPECT_EQ(r.err,
+              name + ": usage: " + says + " (see " + name + " --help)\n");
   }
 }
 
@@ -154,6 +90,7 @@ TEST(CommandLines, HelpShowsTypeNamesNotTheParsersAnnotations) {
         "log", "heartbeats", "info", "status", "check", "send", "codes"}) {
     helps.push_back({"tovctl", {command, "--help"}});
   }
+  helps.push_back({"tovctl", {"help", "check"}});
   const std::regex annotation(":U?INT|:FLOAT|\\bTEXT\\b| in \\[|:\\{");
   for (const auto& [name, args] : helps) {
     SCOPED_TRACE(name + " " + testing::PrintToString(args));
@@ -161,6 +98,16 @@ TEST(CommandLines, HelpShowsTypeNamesNotTheParsersAnnotations) {
     EXPECT_EQ(r.status, 0);
     std::smatch found;
     EXPECT_FALSE(std::regex_search(r.out, found, annotation)) << found.str();
+    // Each command's exit statuses; the check's are a monitoring plugin's.
+    const bool check =
+        args.size() == 2 && (args[0] == "check" || args[1] == "check");
+    if (args.size() == 2) {
+      EXPECT_EQ(r.out.find("\n  98  ") != std::string::npos, !check);
+      for (const char* status :
+           {"\n  1  WARNING ", "\n  3  UNKNOWN ", "-c ,,~:"}) {
+        EXPECT_EQ(r.out.find(status) != std::string::npos, check) << status;
+      }
+    }
   }
   // Another refused command line of each: the same one-line form.
   for (const char* name : {"tovctl", "tovsim", "tovexporter"}) {

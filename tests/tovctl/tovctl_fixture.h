@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -25,6 +24,7 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
 using Args = std::vector<std::string>;
+using testsupport::closedPort;
 
 inline constexpr int kUsage = 100;
 inline constexpr int kLate = 98;  // the deadline ended the command
@@ -38,6 +38,24 @@ inline void expectOneErrorLine(const Outcome& r, const std::string& fragment) {
   ASSERT_EQ(lines.size(), 1u) << "stderr:\n" << r.err;
   EXPECT_THAT(lines[0], StartsWith("tovctl: "));
   EXPECT_THAT(lines[0], HasSubstr(fragment));
+}
+
+// A failure as tovctl reports it: its status, one line on standard error
+// holding `line` (all of it after "tovctl: " when `whole`), and on standard
+// output nothing or, with --json, one document whose error says the same.
+inline json expectFailure(const Outcome& r, int status, const std::string& line,
+                          bool asJson, bool whole = false) {
+  EXPECT_EQ(r.status, status) << r.err;
+  expectOneErrorLine(r, line);
+  EXPECT_TRUE(!whole || r.err == "tovctl: " + line + "\n") << r.err;
+  if (!asJson) {
+    EXPECT_EQ(r.out, "");
+    return json();
+  }
+  const json error = json::parse(r.out).at("error");
+  EXPECT_EQ(error["exit_status"], status);
+  EXPECT_EQ("tovctl: " + error["message"].get<std::string>() + "\n", r.err);
+  return error;
 }
 
 // Each field of `want`, named by its JSON pointer, as `doc` has it.
@@ -60,25 +78,14 @@ inline std::vector<Outcome> atOnce(std::size_t n, Run run) {
   return done;
 }
 
-inline std::unique_ptr<simtest::SimProcess> newSim(
-    Args extra = {}, std::string config = simtest::defaultConfigJson(),
-    Args listen = {"127.0.0.1"}, int udpPort = 0) {
-  simtest::SimOptions o;
-  o.configJson = std::move(config);
-  o.extraArgs = std::move(extra);
-  o.listen = std::move(listen);
-  o.udpPort = udpPort;
-  o.maxLifetimeSec = 60;
-  return std::make_unique<simtest::SimProcess>(o);
-}
+using simtest::startSim;
 
 // At a terminal, without colour: no escape sequence of tovctl's own.
 inline RunOptions atTerminal(std::string waitFor = "", std::string type = "",
                              std::string env = "NO_COLOR=1") {
   RunOptions o;
   o.terminal = true;
-  o.waitFor = std::move(waitFor);
-  o.type = std::move(type);
+  if (!type.empty()) o.steps = {{std::move(waitFor), nullptr, std::move(type)}};
   o.env = {std::move(env)};
   o.limitSec = 60;
   return o;
@@ -87,17 +94,15 @@ inline RunOptions atTerminal(std::string waitFor = "", std::string type = "",
 class Tovctl : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    char templ[] = "/tmp/tovctl-test-XXXXXX";
-    ASSERT_NE(mkdtemp(templ), nullptr);
-    dir_ = templ;
+    dir_ = std::make_unique<testsupport::TempDir>();
     // tovctl refuses a password file that others may read, as "open" is.
     for (const char* f : {"good", "bad", "open"}) {
       std::ofstream(pw(f)) << (f[0] == 'b' ? "not-the-password\n" : "secret\n");
       chmod(pw(f).c_str(), f[0] == 'o' ? 0644 : 0600);
     }
   }
-  static void TearDownTestSuite() { std::filesystem::remove_all(dir_); }
-  static std::string pw(const std::string& name) { return dir_ + "/" + name; }
+  static void TearDownTestSuite() { dir_.reset(); }
+  static std::string pw(const std::string& name) { return dir_->file(name); }
   static Args admin(Args args, const char* file = "good") {
     args.insert(args.begin(), {"-u", "admin", "--password-file", pw(file)});
     return args;
@@ -112,8 +117,8 @@ class Tovctl : public testing::Test {
     return json::parse(tool({"--json", "services"}).out)["services"];
   }
 
-  static inline std::string dir_;
-  std::unique_ptr<simtest::SimProcess> sim_ = newSim();
+  static inline std::unique_ptr<testsupport::TempDir> dir_;
+  std::unique_ptr<simtest::SimProcess> sim_ = startSim();
 };
 
 inline const char* const kDegraded = R"({

@@ -1,26 +1,12 @@
-// tovctl run as a user runs it, against the simulator on loopback, and its
-// view of a degraded cluster (`status`; its live view: watch_test.cpp).
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+// tovctl run as a user runs it, against the simulator on loopback (`status`
+// and its live view: watch_test.cpp).
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <fstream>
-#include <future>
-#include <iterator>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <regex>
-#include <sstream>
 
-#include "run_tool.h"
-#include "support/net_helpers.h"
-#include "support/sim.h"
 #include "tovctl_fixture.h"
-
-// Defined only where the address sanitizer runs.
-extern "C" void __asan_init() __attribute__((weak));
 
 namespace {
 
@@ -105,14 +91,19 @@ TEST_F(Tovctl, ErrorsExitWithTheirStatusAndChangeNothing) {
       {{"bouce", "web"}, "unknown command \"bouce\"; did you mean \"bounce\"?"},
       {{"-H", "h", "frobnicate"}, "unknown command \"frobnicate\" ("},
       {{"help", "stpo"}, "did you mean \"stop\"?"},
-      {{"-t", "nan", "services"}, "\"nan\" is not a number of seconds"},
-      {{"--deadline", "-1", "services"}, "\"-1\" is not a number of seconds"},
       {{"-H", "[::1", "services"}, "is not [ADDRESS] or [ADDRESS]:PORT"},
       {{"-H", "node1:99999", "services"}, "is not a number from 1 to 65535"},
       {{"halt"},
        "halt of the daemon on " + at() +
            " needs --yes: there is no terminal to confirm on"},
       {{"codes", "TOV_NO_SUCH"}, "no result code \"TOV_NO_SUCH\""},
+      {{"status", "--interval", "2"}, "--interval requires --watch"},
+      {{"status", "--count", "2"}, "--count requires --watch"},
+      // One daemon only: not every node of the cluster.
+      {{"-H", "127.0.0.1", "-H", "127.0.0.2", "--yes", "halt"},
+       "exactly one -H"},
+      {{"-H", "127.0.0.1", "-H", "127.0.0.2", "--yes", "shutdown"},
+       "give exactly one -H"},
       {admin({"check-password"}, "bad"), "(TOV_COMMS_FAIL, code 22)", 22},
       {{"stop", "web"}, "-u USER", 22},
       {admin({"stop", "db"}), "(TOV_COMMS_ALREADY, code 20)", 20},
@@ -123,17 +114,7 @@ TEST_F(Tovctl, ErrorsExitWithTheirStatusAndChangeNothing) {
       SCOPED_TRACE(testing::PrintToString(c.args) + (asJson ? " json" : ""));
       Args args = c.args;
       if (asJson) args.insert(args.begin(), "--json");
-      const Outcome r = tool(args);
-      EXPECT_EQ(r.status, c.status) << r.err;
-      expectOneErrorLine(r, c.line);
-      if (!asJson) {
-        EXPECT_EQ(r.out, "");
-        continue;
-      }
-      json error = json::parse(r.out)["error"];
-      EXPECT_EQ(error["exit_status"], c.status);
-      EXPECT_EQ("tovctl: " + error["message"].get<std::string>(),
-                linesOf(r.err).at(0));
+      expectFailure(tool(args), c.status, c.line, asJson);
     }
   }
   EXPECT_EQ(services()[0]["state"], "running");
@@ -196,7 +177,7 @@ TEST_F(Tovctl, MisbehavingDaemonsEndInOneErrorLine) {
       {busy, {"-a", "2", "version"}, kLate, retry},
   };
   std::vector<std::unique_ptr<simtest::SimProcess>> sims;
-  for (const Case& c : cases) sims.push_back(newSim(c.sim));
+  for (const Case& c : cases) sims.push_back(startSim(c.sim));
   const std::vector<Outcome> outcomes = atOnce(cases.size(), [&](size_t i) {
     Args args = admin({"-p", sims[i]->portStr(), "--json", "--deadline", "2"});
     args.insert(args.end(), cases[i].args.begin(), cases[i].args.end());
@@ -230,18 +211,17 @@ TEST_F(Tovctl, DiscoveryKeepsAllButTheMalformedAnswer) {
   const std::string odd =
       "C caf\xe9\x1b[2J 1 0 cafecafe -1 0 0 1 0 0 m2 d2\nN n2 127.0.3.9 4";
   try {
-    sim_ =
-        newSim({"--udp-answer", "-", "--udp-answer", bad, "--udp-answer", odd},
-               simtest::defaultConfigJson(), {"127.0.3.2"}, 1195);
+    sim_ = startSim(
+        {"--udp-answer", "-", "--udp-answer", bad, "--udp-answer", odd},
+        simtest::defaultConfigJson(), {"127.0.3.2"}, 0, 1195);
   } catch (const std::exception& e) {
     GTEST_SKIP() << "UDP port 1195 on 127.0.3.2 is not available: " << e.what();
   }
   const std::vector<std::string> runs{"", "", "--json", "--raw",
                                       "--json --clusters"};
   const std::vector<Outcome> r = atOnce(runs.size(), [&](size_t i) {
-    std::istringstream words("discover 127.0.3.2 " + runs[i]);
-    const Args args{std::istream_iterator<std::string>(words), {}};
-    return runTovctl(args, i == 1 ? atTerminal() : RunOptions{});
+    return runTovctl(testsupport::words("discover 127.0.3.2 " + runs[i]),
+                     i == 1 ? atTerminal() : RunOptions{});
   });
   for (const Outcome& each : r) EXPECT_EQ(each.status, 0) << each.err;
   EXPECT_EQ(linesOf(r[0].err),
@@ -268,7 +248,7 @@ TEST_F(Tovctl, DiscoveryKeepsAllButTheMalformedAnswer) {
 TEST_F(Tovctl, DaemonTextNeverDrivesTheTerminal) {
   // What a terminal acts on (title, screen clear, DEL, the C1 CSI) and bytes
   // not UTF-8 (Latin-1, an encoded surrogate). The simulator decodes \xNN.
-  sim_ = newSim({}, R"({
+  sim_ = startSim({}, R"({
     "cluster": {"name": "evil\\x1b]0;pwned\\x07\\x7f\\xc2\\x9b\\xed\\xa0\\x80",
                 "poll_time": 1},
     "services": [
@@ -291,31 +271,6 @@ TEST_F(Tovctl, DaemonTextNeverDrivesTheTerminal) {
   const Outcome r = tool({"bounce", "nosuch"});
   EXPECT_EQ(r.status, kUsage);
   expectOneErrorLine(r, "(services: caf\\xe9, db\\x1b[2J)");
-}
-
-TEST_F(Tovctl, ProbeSurvivesAnExceptionInTheRefresh) {
-  if (__asan_init != nullptr) {
-    GTEST_SKIP() << "an address-space limit cannot be combined with the "
-                    "sanitizers' shadow memory";
-  }
-  // An information reply too large for the memory the probe may use: the
-  // refresh throws std::bad_alloc out of the probe.
-  sim_ = newSim({"--pad-to", "100000000"});
-  RunOptions limited;
-  limited.addressSpaceKb = 250000;
-  limited.limitSec = 60;  // a 100 MB reply is slow on a busy host
-  for (const char* level : {"0", "1", "3"}) {
-    SCOPED_TRACE(level);
-    const Outcome r = tool({"-d", level, "probe"}, limited);
-    EXPECT_EQ(r.status, 39) << r.err;
-    // At level 3 the library's objects still say goodbye after it.
-    EXPECT_THAT(linesOf(r.err),
-                testing::Contains(StartsWith(
-                    "tovctl: probe of " + at() +
-                    " failed: exception while collecting cluster information "
-                    "(TOV_EXCEPT_ALLINFO, code 39); reading the cluster "
-                    "information threw: ")));
-  }
 }
 
 TEST_F(Tovctl, SecretsStayHiddenUnlessAskedFor) {
@@ -355,7 +310,7 @@ TEST_F(Tovctl, TerminalPromptsEndCleanly) {
       {admin({"shutdown"}), "[y/N]", "y\n", 0, "ok: shutdown of the daemon"},
   };
   for (const Case& c : cases) {
-    sim_ = newSim();
+    sim_ = startSim();
     SCOPED_TRACE(c.args.back() + " answered " + c.type);
     const Outcome r = tool(c.args, atTerminal(c.prompt, c.type));
     EXPECT_EQ(r.status, c.status) << r.out;
@@ -367,7 +322,7 @@ TEST_F(Tovctl, TerminalPromptsEndCleanly) {
 }
 
 TEST_F(Tovctl, StatusShowsNodesServicesAndTheSummary) {
-  sim_ = newSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
+  sim_ = startSim({}, kDegraded, {"127.0.0.1", "127.0.0.2"});
   const Outcome r = tool({"--deadline", "8", "status"});
   EXPECT_EQ(r.err, "");
   EXPECT_THAT(
