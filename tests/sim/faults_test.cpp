@@ -156,6 +156,55 @@ TEST(SimUdp, DiscoveryAnswerFaultSendsTheGivenDatagramsInOrder) {
   }
 }
 
+// A 256-node answer (6017 bytes) is too long for the 2047 bytes a client
+// reads of a datagram: it comes in several, split between lines, each as
+// full as the next line allows, the cluster line first.
+TEST(SimUdp, LargeAnswersComeInDatagramsSplitBetweenLines) {
+  const std::pair<const char*, std::size_t> cases[] = {
+      {nullptr, 2047}, {"256", 256}, {"1000", 1000}, {"65507", 65507}};
+  for (const auto& [flag, size] : cases) {
+    SCOPED_TRACE(size);
+    SimOptions o;  // the built-in cluster; 127.0.0.1 serves node1
+    o.udpPort = freeUdpPort({"127.0.0.1"});
+    o.extraArgs = {"--nodes", "256"};
+    if (flag)
+      o.extraArgs.insert(o.extraArgs.end(), {"--udp-datagram-size", flag});
+    SimProcess sim(o);
+    // The whole answer: the cluster and node lines of the information reply.
+    const Strings info = lines(reply(sim.port(), "CCN"));
+    ASSERT_GE(info.size(), 258u);
+    std::string whole = info[1];
+    for (std::size_t i = 2; i < 258; ++i) whole += "\n" + info[i];
+    const auto got = probe({"127.0.0.1"}, o.udpPort,
+                           (whole.size() + size - 1) / size, {kProbe}, 300);
+    ASSERT_FALSE(got.empty()) << sim.log();
+    EXPECT_EQ(got.size() > 1, size < whole.size());
+    std::string joined;
+    for (std::size_t k = 0; k < got.size(); ++k) {
+      const std::string& d = got[k].text;
+      EXPECT_LE(d.size(), size) << k;
+      EXPECT_EQ(d.substr(0, 2), k == 0 ? "C " : "N ") << k;
+      if (k + 1 < got.size()) {
+        const std::string next = firstLine(got[k + 1].text);
+        EXPECT_GT(d.size() + 1 + next.size(), size) << k << ": not full";
+      }
+      joined += (k == 0 ? "" : "\n") + d;
+    }
+    EXPECT_EQ(joined, whole);
+  }
+  for (const char* bad : {"255", "65508", "2k"}) {
+    SimOptions o;
+    o.extraArgs = {"--udp-datagram-size", bad};
+    try {
+      SimProcess sim(o);
+      ADD_FAILURE() << "accepted " << bad;
+    } catch (const std::runtime_error& e) {
+      EXPECT_THAT(e.what(), HasSubstr("status 2"));
+      EXPECT_THAT(e.what(), HasSubstr("usage: --udp-datagram-size"));
+    }
+  }
+}
+
 TEST(SimMultiNode, SixtyFourNodesAnswerAllAtOnce) {
   // node1..node64 on 127.0.1.1..64 without --listen. Two clients per node
   // connect before any sends its request: each needs a salt at once.

@@ -164,6 +164,172 @@ bool hexDigest(const std::string& hex, std::array<unsigned char, 32>& out) {
   return true;
 }
 
+void parseCluster(const json& c, Config& cfg) {
+  const std::string w = "cluster";
+  onlyKeys(c, w,
+           {"name", "serial", "poll_time", "bootstrap", "machine_ident",
+            "machine_desc"});
+  cfg.clusterName = getName(c, w, "name", cfg.clusterName);
+  if (c.contains("serial") && c.at("serial").is_number_integer()) {
+    cfg.serial = std::to_string(c.at("serial").get<long long>());
+  } else {
+    cfg.serial = getString(c, w, "serial", cfg.serial);
+  }
+  // Any poll time a record can announce, absurd ones included, so that
+  // clients can be tried against them.
+  cfg.pollTime =
+      static_cast<int>(getInt(c, w, "poll_time", 1, 0, kMaxPollTime));
+  cfg.bootstrap = getBool(c, w, "bootstrap", false);
+  cfg.machineIdent = getName(c, w, "machine_ident", "", true);
+  cfg.machineDesc = getName(c, w, "machine_desc", cfg.machineDesc, true);
+}
+
+void parseListen(const json& l, std::vector<std::string>& out) {
+  if (!l.is_array()) fail("listen", "expected an array of addresses");
+  for (std::size_t i = 0; i < l.size(); ++i) {
+    const std::string w = "listen[" + std::to_string(i) + "]";
+    if (!l[i].is_string() || addressFamily(l[i].get<std::string>()) == 0) {
+      fail(w, "expected a numeric IP address");
+    }
+    out.push_back(l[i].get<std::string>());
+  }
+}
+
+// "silent": false, true (or 0/1), or "mute".
+Silence parseSilence(const json& v, const std::string& where) {
+  if (v.is_string() && v.get<std::string>() == "mute") return Silence::Mute;
+  if (v.is_boolean() || (v.is_number_integer() && (v == 0 || v == 1))) {
+    return (v.is_boolean() ? v.get<bool>() : v == 1) ? Silence::Refused
+                                                     : Silence::None;
+  }
+  fail(where, "expected false, true or \"mute\"");
+}
+
+// `seen`: the names of the nodes before, each unique.
+NodeConfig parseNode(const json& j, const std::string& w,
+                     std::set<std::string>& seen) {
+  onlyKeys(j, w, {"name", "address", "family", "silent"});
+  NodeConfig n;
+  n.name = getName(j, w, "name", "");
+  if (n.name.empty()) fail(w + ".name", "is required");
+  if (!seen.insert(n.name).second) fail(w + ".name", "duplicate node name");
+  n.address = getString(j, w, "address", "");
+  const int fam = addressFamily(n.address);
+  if (fam == 0) fail(w + ".address", "expected a numeric IP address");
+  n.family = static_cast<int>(getInt(j, w, "family", fam, 4, 6));
+  if (n.family != fam) {
+    fail(w + ".family",
+         "does not match the address (expected " + std::to_string(fam) + ")");
+  }
+  if (j.contains("silent"))
+    n.silence = parseSilence(j.at("silent"), w + ".silent");
+  return n;
+}
+
+void parseNodes(const json& ns, std::vector<NodeConfig>& out) {
+  if (!ns.is_array()) fail("nodes", "expected an array");
+  if (ns.size() > kMaxNodes) {
+    fail("nodes", "at most " + std::to_string(kMaxNodes) + " nodes, not " +
+                      std::to_string(ns.size()));
+  }
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < ns.size(); ++i) {
+    out.push_back(parseNode(ns[i], "nodes[" + std::to_string(i) + "]", seen));
+  }
+}
+
+ServiceState parseState(const std::string& text, const std::string& where) {
+  for (ServiceState s :
+       {ServiceState::Running, ServiceState::Stopped, ServiceState::Starting,
+        ServiceState::Stopping, ServiceState::Broken}) {
+    if (text == stateName(s)) return s;
+  }
+  fail(where, "expected running, stopped, starting, stopping or broken");
+}
+
+ServiceConfig parseService(const json& j, const std::string& w,
+                           std::set<std::string>& seen) {
+  onlyKeys(j, w, {"name", "state", "mode", "blocked", "node"});
+  ServiceConfig s;
+  s.name = getName(j, w, "name", "");
+  if (s.name.empty()) fail(w + ".name", "is required");
+  if (!seen.insert(s.name).second) fail(w + ".name", "duplicate service name");
+  s.state = parseState(getString(j, w, "state", "stopped"), w + ".state");
+  const std::string mode = getString(j, w, "mode", "manual");
+  if (mode != "auto" && mode != "manual") {
+    fail(w + ".mode", "expected auto or manual");
+  }
+  s.automatic = mode == "auto";
+  s.blocked = getBool(j, w, "blocked", false);
+  s.node = getName(j, w, "node", "", true);  // as nodes[].name
+  return s;
+}
+
+void parseServices(const json& ss, std::vector<ServiceConfig>& out) {
+  if (!ss.is_array()) fail("services", "expected an array");
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < ss.size(); ++i) {
+    out.push_back(
+        parseService(ss[i], "services[" + std::to_string(i) + "]", seen));
+  }
+}
+
+UserConfig parseUser(const json& j, const std::string& w,
+                     std::set<std::string>& seen) {
+  onlyKeys(j, w, {"user", "password", "sha256"});
+  UserConfig u;
+  u.user = getString(j, w, "user", "");
+  if (u.user.empty()) fail(w + ".user", "is required");
+  for (char c : u.user) {
+    if (std::isspace(static_cast<unsigned char>(c))) {
+      fail(w + ".user", "must not contain blanks");
+    }
+  }
+  if (!seen.insert(u.user).second) fail(w + ".user", "duplicate user");
+  const bool hasPw = j.contains("password");
+  const bool hasHash = j.contains("sha256");
+  if (!hasPw && !hasHash) fail(w, "needs \"password\" or \"sha256\"");
+  if (hasPw) u.key = sha256(getString(j, w, "password", "", true));
+  if (hasHash) {
+    std::array<unsigned char, 32> fromHex{};
+    if (!hexDigest(getString(j, w, "sha256", ""), fromHex)) {
+      fail(w + ".sha256", "expected 64 hexadecimal digits");
+    }
+    if (hasPw && fromHex != u.key) {
+      fail(w + ".sha256", "is not the SHA-256 of the given password");
+    }
+    u.key = fromHex;
+  }
+  return u;
+}
+
+void parseUsers(const json& us, std::vector<UserConfig>& out) {
+  if (!us.is_array()) fail("users", "expected an array");
+  std::set<std::string> seen;
+  for (std::size_t i = 0; i < us.size(); ++i) {
+    out.push_back(parseUser(us[i], "users[" + std::to_string(i) + "]", seen));
+  }
+}
+
+void parseUdpAnswers(const json& a, Faults& out) {
+  const std::string w = "faults.udp_answers";
+  if (!a.is_array()) fail(w, "expected an array of strings");
+  if (a.size() > kMaxUdpAnswers) {
+    fail(w,
+         "at most " + std::to_string(kMaxUdpAnswers) + " datagrams per probe");
+  }
+  out.udpAnswers.clear();
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    const std::string wi = w + "[" + std::to_string(i) + "]";
+    if (!a[i].is_string()) fail(wi, "expected a string");
+    try {
+      out.udpAnswers.push_back(parseUdpAnswer(a[i].get<std::string>()));
+    } catch (const ConfigError& e) {
+      fail(wi, e.what());
+    }
+  }
+}
+
 void parseFaults(const json& f, Faults& out) {
   const std::string w = "faults";
   onlyKeys(f, w,
@@ -197,24 +363,7 @@ void parseFaults(const json& f, Faults& out) {
   const std::string letter = getString(f, w, "fault_letter", "", true);
   if (letter.size() > 1) fail(w + ".fault_letter", "expected one character");
   out.onlyLetter = letter.empty() ? 0 : letter[0];
-  if (f.contains("udp_answers")) {
-    const json& a = f.at("udp_answers");
-    if (!a.is_array()) fail(w + ".udp_answers", "expected an array of strings");
-    if (a.size() > kMaxUdpAnswers) {
-      fail(w + ".udp_answers", "at most " + std::to_string(kMaxUdpAnswers) +
-                                   " datagrams per probe");
-    }
-    out.udpAnswers.clear();
-    for (std::size_t i = 0; i < a.size(); ++i) {
-      const std::string wi = w + ".udp_answers[" + std::to_string(i) + "]";
-      if (!a[i].is_string()) fail(wi, "expected a string");
-      try {
-        out.udpAnswers.push_back(parseUdpAnswer(a[i].get<std::string>()));
-      } catch (const ConfigError& e) {
-        fail(wi, e.what());
-      }
-    }
-  }
+  if (f.contains("udp_answers")) parseUdpAnswers(f.at("udp_answers"), out);
 }
 
 }  // namespace
@@ -322,154 +471,14 @@ Config parseConfig(const std::string& text) {
   Config cfg;
   onlyKeys(root, "top level",
            {"cluster", "listen", "nodes", "services", "users", "faults"});
-
-  if (root.contains("cluster")) {
-    const json& c = root.at("cluster");
-    const std::string w = "cluster";
-    onlyKeys(c, w,
-             {"name", "serial", "poll_time", "bootstrap", "machine_ident",
-              "machine_desc"});
-    cfg.clusterName = getName(c, w, "name", cfg.clusterName);
-    if (c.contains("serial") && c.at("serial").is_number_integer()) {
-      cfg.serial = std::to_string(c.at("serial").get<long long>());
-    } else {
-      cfg.serial = getString(c, w, "serial", cfg.serial);
-    }
-    // Any poll time a record can announce, absurd ones included, so that
-    // clients can be tried against them.
-    cfg.pollTime =
-        static_cast<int>(getInt(c, w, "poll_time", 1, 0, kMaxPollTime));
-    cfg.bootstrap = getBool(c, w, "bootstrap", false);
-    cfg.machineIdent = getName(c, w, "machine_ident", "", true);
-    cfg.machineDesc = getName(c, w, "machine_desc", cfg.machineDesc, true);
-  }
-
-  if (root.contains("listen")) {
-    const json& l = root.at("listen");
-    if (!l.is_array()) fail("listen", "expected an array of addresses");
-    for (std::size_t i = 0; i < l.size(); ++i) {
-      const std::string w = "listen[" + std::to_string(i) + "]";
-      if (!l[i].is_string() || addressFamily(l[i].get<std::string>()) == 0) {
-        fail(w, "expected a numeric IP address");
-      }
-      cfg.listen.push_back(l[i].get<std::string>());
-    }
-  }
-
-  std::set<std::string> seen;
-  if (root.contains("nodes")) {
-    const json& ns = root.at("nodes");
-    if (!ns.is_array()) fail("nodes", "expected an array");
-    if (ns.size() > kMaxNodes) {
-      fail("nodes", "at most " + std::to_string(kMaxNodes) + " nodes, not " +
-                        std::to_string(ns.size()));
-    }
-    for (std::size_t i = 0; i < ns.size(); ++i) {
-      const std::string w = "nodes[" + std::to_string(i) + "]";
-      onlyKeys(ns[i], w, {"name", "address", "family", "silent"});
-      NodeConfig n;
-      n.name = getName(ns[i], w, "name", "");
-      if (n.name.empty()) fail(w + ".name", "is required");
-      if (!seen.insert(n.name).second) fail(w + ".name", "duplicate node name");
-      n.address = getString(ns[i], w, "address", "");
-      const int fam = addressFamily(n.address);
-      if (fam == 0) fail(w + ".address", "expected a numeric IP address");
-      n.family = static_cast<int>(getInt(ns[i], w, "family", fam, 4, 6));
-      if (n.family != fam) {
-        fail(w + ".family", "does not match the address (expected " +
-                                std::to_string(fam) + ")");
-      }
-      if (ns[i].contains("silent")) {
-        const json& v = ns[i].at("silent");
-        if (v.is_string() && v.get<std::string>() == "mute") {
-          n.silence = Silence::Mute;
-        } else if (v.is_boolean() ||
-                   (v.is_number_integer() && (v == 0 || v == 1))) {
-          n.silence = (v.is_boolean() ? v.get<bool>() : v == 1)
-                          ? Silence::Refused
-                          : Silence::None;
-        } else {
-          fail(w + ".silent", "expected false, true or \"mute\"");
-        }
-      }
-      cfg.nodes.push_back(n);
-    }
-  }
-
-  seen.clear();
+  if (root.contains("cluster")) parseCluster(root.at("cluster"), cfg);
+  if (root.contains("listen")) parseListen(root.at("listen"), cfg.listen);
+  if (root.contains("nodes")) parseNodes(root.at("nodes"), cfg.nodes);
   if (root.contains("services")) {
-    const json& ss = root.at("services");
-    if (!ss.is_array()) fail("services", "expected an array");
-    for (std::size_t i = 0; i < ss.size(); ++i) {
-      const std::string w = "services[" + std::to_string(i) + "]";
-      onlyKeys(ss[i], w, {"name", "state", "mode", "blocked", "node"});
-      ServiceConfig s;
-      s.name = getName(ss[i], w, "name", "");
-      if (s.name.empty()) fail(w + ".name", "is required");
-      if (!seen.insert(s.name).second) {
-        fail(w + ".name", "duplicate service name");
-      }
-      const std::string st = getString(ss[i], w, "state", "stopped");
-      bool ok = false;
-      for (ServiceState cand : {ServiceState::Running, ServiceState::Stopped,
-                                ServiceState::Starting, ServiceState::Stopping,
-                                ServiceState::Broken}) {
-        if (st == stateName(cand)) {
-          s.state = cand;
-          ok = true;
-        }
-      }
-      if (!ok) {
-        fail(w + ".state",
-             "expected running, stopped, starting, stopping or broken");
-      }
-      const std::string mode = getString(ss[i], w, "mode", "manual");
-      if (mode != "auto" && mode != "manual") {
-        fail(w + ".mode", "expected auto or manual");
-      }
-      s.automatic = mode == "auto";
-      s.blocked = getBool(ss[i], w, "blocked", false);
-      s.node = getName(ss[i], w, "node", "", true);  // as nodes[].name
-      cfg.services.push_back(s);
-    }
+    parseServices(root.at("services"), cfg.services);
   }
-
-  seen.clear();
-  if (root.contains("users")) {
-    const json& us = root.at("users");
-    if (!us.is_array()) fail("users", "expected an array");
-    for (std::size_t i = 0; i < us.size(); ++i) {
-      const std::string w = "users[" + std::to_string(i) + "]";
-      onlyKeys(us[i], w, {"user", "password", "sha256"});
-      UserConfig u;
-      u.user = getString(us[i], w, "user", "");
-      if (u.user.empty()) fail(w + ".user", "is required");
-      for (char c : u.user) {
-        if (std::isspace(static_cast<unsigned char>(c))) {
-          fail(w + ".user", "must not contain blanks");
-        }
-      }
-      if (!seen.insert(u.user).second) fail(w + ".user", "duplicate user");
-      const bool hasPw = us[i].contains("password");
-      const bool hasHash = us[i].contains("sha256");
-      if (!hasPw && !hasHash) fail(w, "needs \"password\" or \"sha256\"");
-      if (hasPw) u.key = sha256(getString(us[i], w, "password", "", true));
-      if (hasHash) {
-        std::array<unsigned char, 32> fromHex{};
-        if (!hexDigest(getString(us[i], w, "sha256", ""), fromHex)) {
-          fail(w + ".sha256", "expected 64 hexadecimal digits");
-        }
-        if (hasPw && fromHex != u.key) {
-          fail(w + ".sha256", "is not the SHA-256 of the given password");
-        }
-        u.key = fromHex;
-      }
-      cfg.users.push_back(u);
-    }
-  }
-
+  if (root.contains("users")) parseUsers(root.at("users"), cfg.users);
   if (root.contains("faults")) parseFaults(root.at("faults"), cfg.faults);
-
   cfg.crc = crc32(text);
   cfg.size = static_cast<long long>(text.size());
   return cfg;

@@ -92,6 +92,12 @@ constexpr int kMaxPollTime = 2147483647;
 constexpr std::size_t kMaxUdpAnswers = 64;
 constexpr std::size_t kMaxDatagram = 65507;
 
+// Datagrams of the own discovery answer: by default as large as the client
+// reads one; the least size still holds a cluster line and a node line of
+// ordinary length.
+constexpr std::size_t kDefaultAnswerDatagram = 2047;
+constexpr std::size_t kMinAnswerDatagram = 256;
+
 struct Config {
   std::string clusterName = "tovsim";
   std::string serial = "-1";

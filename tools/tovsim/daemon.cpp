@@ -31,12 +31,23 @@ std::string field(const std::string& s) {
   return out;
 }
 
-Outcome reply(char echo, char letter, const std::string& msg,
-              const std::vector<std::string>& lines = {}) {
+// What an empty request line is answered with in place of its letter.
+constexpr char kEmptyEcho = '?';
+
+// What the table checks before a service request's handler runs, in this
+// order.
+enum Guard : unsigned {
+  kSteady = 1,     // neither broken nor in transition
+  kRunning = 2,    // running
+  kUnblocked = 4,  // not blocked
+};
+
+Outcome answer(char echo, Reply letter, const std::string& msg,
+               const std::vector<std::string>& lines = {}) {
   Outcome o;
   o.letter = letter;
   o.text += echo;
-  o.text += letter;
+  o.text += static_cast<char>(letter);
   if (!msg.empty()) o.text += " " + msg;
   o.text += '\n';
   for (const std::string& l : lines) o.text += l + '\n';
@@ -45,16 +56,6 @@ Outcome reply(char echo, char letter, const std::string& msg,
 
 bool isInfoRequest(const std::string& line) {
   return line == "CCN" || line.rfind("CCN ", 0) == 0;
-}
-
-// Requests that only read the daemon's state need no authentication.
-bool isRead(char letter) {
-  return letter == 'C' || letter == 'N' || letter == 'O' || letter == 'V';
-}
-
-bool isServiceLetter(char c) {
-  static const std::string letters = "BCDEFGHIKMNORUVWXYZ[";
-  return letters.find(c) != std::string::npos;
 }
 
 // "<head>" alone or followed by a blank; returns what follows the head.
@@ -163,9 +164,12 @@ void Daemon::startOn(Service& s, std::size_t node) {
   s.runningOn = static_cast<int>(node);
 }
 
+std::size_t Daemon::nodeAt(std::size_t listenIdx) const {
+  return listenIdx < listenNode_.size() ? listenNode_[listenIdx] : 0;
+}
+
 std::string Daemon::clusterLine(std::size_t listenIdx) const {
-  const std::size_t node =
-      listenIdx < listenNode_.size() ? listenNode_[listenIdx] : 0;
+  const std::size_t node = nodeAt(listenIdx);
   const std::string ident =
       !cfg_.machineIdent.empty() ? cfg_.machineIdent : cfg_.nodes[node].name;
   char crc[16];
@@ -203,19 +207,31 @@ std::string Daemon::serviceLine(std::size_t idx) const {
          (s.conf.blocked ? "1" : "0") + " " + node;
 }
 
-std::string Daemon::discoveryAnswer(std::size_t listenIdx) const {
-  std::lock_guard<std::mutex> lock(mu_);
-  std::string out = clusterLine(listenIdx);
-  for (const std::string& n : nodeLines()) out += "\n" + n;
-  return out;
-}
-
-std::vector<std::string> Daemon::discoveryAnswers(std::size_t listenIdx) const {
+std::vector<std::string> Daemon::discoveryAnswers(
+    std::size_t listenIdx, std::size_t datagramSize) const {
+  std::vector<std::string> lines;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    lines = nodeLines();
+    lines.insert(lines.begin(), clusterLine(listenIdx));
+  }
   const std::vector<UdpAnswer>& fake = cfg_.faults.udpAnswers;
-  if (fake.empty()) return {discoveryAnswer(listenIdx)};
   std::vector<std::string> out;
-  for (const UdpAnswer& a : fake) {
-    out.push_back(a.own ? discoveryAnswer(listenIdx) : a.bytes);
+  if (!fake.empty()) {
+    // Each given datagram exactly as given, "-" the whole own answer.
+    std::string own = lines.front();
+    for (std::size_t i = 1; i < lines.size(); ++i) own += "\n" + lines[i];
+    for (const UdpAnswer& a : fake) out.push_back(a.own ? own : a.bytes);
+    return out;
+  }
+  // A daemon's answer comes in datagrams the client reads whole: split only
+  // between lines, the cluster line and as many node lines as fit first.
+  for (const std::string& l : lines) {
+    if (!out.empty() && out.back().size() + 1 + l.size() <= datagramSize) {
+      out.back() += "\n" + l;
+    } else {
+      out.push_back(l);
+    }
   }
   return out;
 }
@@ -226,317 +242,411 @@ Outcome Daemon::handle(const Request& req, const std::string& saltText,
   return dispatch(req, saltText, listenIdx);
 }
 
+// Each request the daemon takes: its head (the letter, or "JA", "@AQ"),
+// whether a service number follows, whether it only reads (and so needs no
+// authentication), the refusals checked before its handler, and the
+// handler.
+struct Daemon::RequestKind {
+  const char* head;
+  bool service;
+  bool read;
+  unsigned guards;
+  Handler handler;
+};
+
+const Daemon::RequestKind* Daemon::findRequest(const std::string& line,
+                                               std::string& rest) {
+  constexpr unsigned kAll = kSteady | kRunning | kUnblocked;
+  static const RequestKind table[] = {
+      {"J", false, false, 0, &Daemon::checkPassword},
+      {"JA", false, false, 0, &Daemon::halt},
+      {"L", false, false, 0, &Daemon::shutdown},
+      {"B", true, false, kAll, &Daemon::bounce},
+      {"C", true, true, 0, &Daemon::showService},
+      {"D", true, false, 0, &Daemon::setTimeouts},
+      {"E", true, false, kSteady | kRunning, &Daemon::rerunStartup},
+      {"F", true, false, kAll, &Daemon::pass},
+      {"G", true, false, kSteady, &Daemon::stop},
+      {"H", true, false, 0, &Daemon::setManual},
+      {"I", true, false, 0, &Daemon::setAutomatic},
+      {"K", true, false, kSteady, &Daemon::blockAndStop},
+      {"M", true, false, 0, &Daemon::maintenance},
+      {"N", true, true, 0, &Daemon::heartbeats},
+      {"O", true, true, 0, &Daemon::serviceList},
+      {"R", true, false, 0, &Daemon::events},
+      {"U", true, false, 0, &Daemon::repair},
+      {"V", true, true, 0, &Daemon::version},
+      {"W", true, false, 0, &Daemon::block},
+      {"X", true, false, 0, &Daemon::unblock},
+      {"Y", true, false, 0, &Daemon::logEntry},
+      {"Z", true, false, 0, &Daemon::requestHandler},
+      {"[", true, false, 0, &Daemon::recover},
+      {"@AQ", true, false, kSteady, &Daemon::quickstart},
+  };
+  for (const RequestKind& k : table) {
+    if (headMatches(line, k.head, rest)) return &k;
+  }
+  return nullptr;
+}
+
 Outcome Daemon::dispatch(const Request& req, const std::string& saltText,
                          std::size_t listenIdx) {
   const std::string& line = req.line;
-  if (line.empty()) return reply('?', 'u', "unknown request");
+  if (line.empty())
+    return answer(kEmptyEcho, Reply::Unknown, "unknown request");
   const char e = line[0];
-  if (shuttingDown_) return reply(e, 'i', "daemon shutting down");
-
-  if (isInfoRequest(line)) {
-    std::vector<std::string> lines{clusterLine(listenIdx)};
-    for (const std::string& n : nodeLines()) lines.push_back(n);
-    for (std::size_t i = 0; i < services_.size(); ++i) {
-      lines.push_back(serviceLine(i));
-    }
-    lines.push_back(std::string("V ") + kDaemonVersion + " " +
-                    kProtocolVersion);
-    return reply(e, 'n', "cluster information", lines);
+  if (shuttingDown_) {
+    return answer(e, Reply::ShuttingDown, "daemon shutting down");
   }
-
+  if (isInfoRequest(line)) return information(e, listenIdx);
   if (busyAnswered_ < cfg_.faults.busy && faultsApply(line)) {
     ++busyAnswered_;
-    return reply(e, 'k', "daemon busy");
+    return answer(e, Reply::Busy, "daemon busy");
   }
-
   // Recognise the request before looking at its authentication.
-  enum class Kind { Service, Check, Halt, Shutdown } kind;
   std::string rest;
-  if (e == 'J' && headMatches(line, "JA", rest)) {
-    kind = Kind::Halt;
-  } else if (e == 'J' && headMatches(line, "J", rest)) {
-    kind = Kind::Check;
-  } else if (e == 'L' && headMatches(line, "L", rest)) {
-    kind = Kind::Shutdown;
-  } else if (e == '@' && headMatches(line, "@AQ", rest)) {
-    kind = Kind::Service;
-  } else if (isServiceLetter(e) && headMatches(line, std::string(1, e), rest)) {
-    kind = Kind::Service;
-  } else {
-    return reply(e, 'u', "unknown request");
-  }
-
-  const bool needsAuth =
-      !cfg_.users.empty() && !(kind == Kind::Service && isRead(e));
-  bool authOk = false;
-  if (req.hasAuth && !cfg_.users.empty()) {
-    authOk = verifyAuth(cfg_.users, req.user, req.digest, binarySalt(saltText),
-                        line);
-  }
-  if (needsAuth && !authOk) {
+  const RequestKind* kind = findRequest(line, rest);
+  if (kind == nullptr) return answer(e, Reply::Unknown, "unknown request");
+  const bool authOk =
+      req.hasAuth && !cfg_.users.empty() &&
+      verifyAuth(cfg_.users, req.user, req.digest, binarySalt(saltText), line);
+  if (!cfg_.users.empty() && !kind->read && !authOk) {
     TOVSIM_LOG(1, "authentication failed for \""
                       << printable(line) << "\" (user "
                       << (req.hasAuth ? req.user : std::string("<none>"))
                       << ")");
-    return reply(e, 'd', "authentication failed");
+    return answer(e, Reply::AuthFailed, "authentication failed");
   }
-  const std::string who = authOk ? req.user : std::string("anonymous");
-  const std::size_t node =
-      listenIdx < listenNode_.size() ? listenNode_[listenIdx] : 0;
-
-  switch (kind) {
-    case Kind::Check:
-      return cfg_.users.empty()
-                 ? reply(e, 'a', "authentication not required")
-                 : reply(e, 'a', "authentication ok for " + req.user);
-    case Kind::Halt: {
-      record(-1, "halt requested by " + who);
-      shuttingDown_ = true;
-      Outcome o = reply(e, 'a', "halting");
-      o.after = Outcome::After::Halt;
-      return o;
-    }
-    case Kind::Shutdown: {
-      record(-1, "shutdown requested by " + who);
-      shuttingDown_ = true;
-      Outcome o = reply(e, 'a', "daemon shutting down");
-      o.after = Outcome::After::Shutdown;
-      return o;
-    }
-    case Kind::Service:
-      break;
+  Call c{e, req, authOk ? req.user : std::string("anonymous"),
+         nodeAt(listenIdx)};
+  if (kind->service) {
+    if (std::optional<Outcome> bad = parseService(rest, c)) return *bad;
+    if (std::optional<Outcome> no = guard(c, kind->guards)) return *no;
   }
+  return (this->*kind->handler)(c);
+}
 
-  // "<letter> <service>[ <suffix>]"
+Outcome Daemon::information(char echo, std::size_t listenIdx) const {
+  std::vector<std::string> lines{clusterLine(listenIdx)};
+  for (const std::string& n : nodeLines()) lines.push_back(n);
+  for (std::size_t i = 0; i < services_.size(); ++i) {
+    lines.push_back(serviceLine(i));
+  }
+  lines.push_back(std::string("V ") + kDaemonVersion + " " + kProtocolVersion);
+  return answer(echo, Reply::Data, "cluster information", lines);
+}
+
+std::optional<Outcome> Daemon::parseService(const std::string& rest,
+                                            Call& c) const {
   if (rest.size() < 2 || rest[0] != ' ') {
-    return reply(e, 'l', "missing service number");
+    return answer(c.echo, Reply::BadArguments, "missing service number");
   }
-  rest.erase(0, 1);
-  const std::size_t blank = rest.find(' ');
-  const std::string num = rest.substr(0, blank);
-  const std::string suffix =
-      blank == std::string::npos ? std::string() : rest.substr(blank + 1);
+  const std::size_t blank = rest.find(' ', 1);
+  const std::string num = rest.substr(1, blank - 1);
   int idx = -1;
   if (!parseCount(num, idx) ||
       static_cast<std::size_t>(idx) >= services_.size()) {
-    return reply(e, 'l', "no service " + printable(num, 32));
+    return answer(c.echo, Reply::BadArguments,
+                  "no service " + printable(num, 32));
   }
-  return serviceRequest(e, static_cast<std::size_t>(idx), suffix, req.data, who,
-                        node);
+  c.idx = static_cast<std::size_t>(idx);
+  if (blank != std::string::npos) c.suffix = rest.substr(blank + 1);
+  return std::nullopt;
 }
 
-Outcome Daemon::serviceRequest(char e, std::size_t idx,
-                               const std::string& suffix,
-                               const std::string& data, const std::string& who,
-                               std::size_t node) {
-  Service& s = services_[idx];
-  const std::string what = label(idx);
+std::optional<Outcome> Daemon::guard(const Call& c, unsigned guards) const {
+  const Service& s = services_[c.idx];
   const ServiceState st = s.conf.state;
-  const bool broken = st == ServiceState::Broken;
-  const bool moving =
-      st == ServiceState::Starting || st == ServiceState::Stopping;
-  const bool running = st == ServiceState::Running;
-  const std::string nodeName = cfg_.nodes[node].name;
+  const std::string what = label(c.idx);
+  if ((guards & kSteady) != 0 && st == ServiceState::Broken) {
+    return answer(c.echo, Reply::Broken, what + " is broken");
+  }
+  if ((guards & kSteady) != 0 &&
+      (st == ServiceState::Starting || st == ServiceState::Stopping)) {
+    return answer(c.echo, Reply::Locked, what + " is " + stateName(st));
+  }
+  if ((guards & kRunning) != 0 && st != ServiceState::Running) {
+    return answer(c.echo, Reply::NotRunning, what + " is not running");
+  }
+  if ((guards & kUnblocked) != 0 && s.conf.blocked) {
+    return answer(c.echo, Reply::Locked, what + " is blocked");
+  }
+  return std::nullopt;
+}
+
+Outcome Daemon::done(const Call& c, const std::string& msg) {
+  const std::string what = label(c.idx);
+  record(static_cast<int>(c.idx), what + " " + msg + " by " + c.who);
+  return answer(c.echo, Reply::Ok, what + " " + msg);
+}
+
+std::size_t Daemon::homeOf(const Service& s) const {
   std::size_t home = 0;
   for (std::size_t n = 0; n < cfg_.nodes.size(); ++n) {
     if (cfg_.nodes[n].name == s.conf.node) home = n;
   }
-  // Automatic mode keeps an unblocked service running.
-  auto settle = [&] {
-    if (s.conf.automatic && !s.conf.blocked &&
-        s.conf.state == ServiceState::Stopped) {
-      startOn(s, home);
-      return true;
-    }
-    return false;
-  };
-  auto done = [&](const std::string& msg) {
-    record(static_cast<int>(idx), what + " " + msg + " by " + who);
-    return reply(e, 'a', what + " " + msg);
-  };
-  auto refuseCommon = [&](Outcome& o) {
-    if (broken) {
-      o = reply(e, 'g', what + " is broken");
-      return true;
-    }
-    if (moving) {
-      o = reply(e, 'm', what + " is " + stateName(st));
-      return true;
-    }
-    return false;
-  };
-  Outcome o;
+  return home;
+}
 
-  switch (e) {
-    case 'B':  // stop and start again, here
-      if (refuseCommon(o)) return o;
-      if (!running) return reply(e, 'c', what + " is not running");
-      if (s.conf.blocked) return reply(e, 'm', what + " is blocked");
-      startOn(s, node);
-      return done("bounced on " + nodeName);
-    case 'C':
-      return reply(e, 'n', what,
-                   {serviceLine(idx),
-                    "D " + std::to_string(s.startTimeout) + " " +
-                        std::to_string(s.stopTimeout),
-                    std::string("M ") + (s.maintenance ? "1" : "0")});
-    case 'D': {  // "D n <start> [<stop>]" in seconds
-      const std::size_t b = suffix.find(' ');
-      int start = 0;
-      int stop = 0;
-      const bool ok =
-          parseCount(suffix.substr(0, b), start) &&
-          (b == std::string::npos ? (stop = start, true)
-                                  : parseCount(suffix.substr(b + 1), stop)) &&
-          start > 0 && stop > 0;
-      if (!ok) return reply(e, 'l', "expected: D <service> <start> [<stop>]");
-      s.startTimeout = start;
-      s.stopTimeout = stop;
-      return done("timeouts set to " + std::to_string(start) + "/" +
-                  std::to_string(stop) + " s");
-    }
-    case 'E':  // re-run the startup scripts of a running service
-      if (refuseCommon(o)) return o;
-      if (!running) return reply(e, 'c', what + " is not running");
-      return done("startup scripts re-run");
-    case 'F': {  // stop here and leave it to the next node
-      if (refuseCommon(o)) return o;
-      if (!running) return reply(e, 'c', what + " is not running");
-      if (s.conf.blocked) return reply(e, 'm', what + " is blocked");
-      // The next node in the list that is not silent nor mute.
-      const std::size_t from =
-          static_cast<std::size_t>(s.runningOn < 0 ? 0 : s.runningOn);
-      std::size_t next = from;
-      for (std::size_t k = 1; k <= cfg_.nodes.size(); ++k) {
-        const std::size_t cand = (from + k) % cfg_.nodes.size();
-        if (cfg_.nodes[cand].silence == Silence::None) {
-          next = cand;
-          break;
-        }
-      }
-      s.conf.automatic = true;
-      startOn(s, next);
-      return done("passed to " + cfg_.nodes[next].name);
-    }
-    case 'G':
-      if (refuseCommon(o)) return o;
-      if (st == ServiceState::Stopped && !s.conf.automatic) {
-        return reply(e, 'b', what + " already stopped");
-      }
-      s.conf.automatic = false;
-      s.conf.state = ServiceState::Stopped;
-      return done("stopped (manual)");
-    case 'H':
-      if (!s.conf.automatic) return reply(e, 'b', what + " already manual");
-      s.conf.automatic = false;
-      return done("set to manual");
-    case 'I': {
-      const bool wouldStart = st == ServiceState::Stopped && !s.conf.blocked;
-      if (s.conf.automatic && !wouldStart) {
-        return reply(e, 'b', what + " already automatic");
-      }
-      s.conf.automatic = true;
-      return done(settle() ? "set to automatic and started"
-                           : "set to automatic");
-    }
-    case 'K':
-      if (refuseCommon(o)) return o;
-      if (s.conf.blocked && st == ServiceState::Stopped) {
-        return reply(e, 'b', what + " already blocked and stopped");
-      }
-      s.conf.blocked = true;
-      s.conf.state = ServiceState::Stopped;
-      return done("blocked and stopped");
-    case 'M': {  // "M n [on|off]"
-      bool on = true;
-      if (suffix == "off") {
-        on = false;
-      } else if (!suffix.empty() && suffix != "on") {
-        return reply(e, 'l', "expected: M <service> [on|off]");
-      }
-      if (s.maintenance == on) {
-        return reply(e, 'b',
-                     what + " maintenance already " + (on ? "on" : "off"));
-      }
-      s.maintenance = on;
-      return done(std::string("maintenance ") + (on ? "on" : "off"));
-    }
-    case 'N': {
-      std::vector<std::string> lines;
-      for (std::size_t n = 0; n < cfg_.nodes.size(); ++n) {
-        const bool up = answers(n);
-        lines.push_back(field(cfg_.nodes[n].name) + " " +
-                        cfg_.nodes[n].address + " " + (up ? "up" : "down"));
-      }
-      return reply(e, 'n', "heartbeats", lines);
-    }
-    case 'O': {
-      std::vector<std::string> lines;
-      for (std::size_t i = 0; i < services_.size(); ++i) {
-        lines.push_back(serviceLine(i));
-      }
-      return reply(e, 'n', "services", lines);
-    }
-    case 'R': {
-      std::vector<std::string> lines;
-      for (const Event& ev : events_) {
-        if (ev.service == -1 || ev.service == static_cast<int>(idx)) {
-          lines.push_back(std::to_string(ev.when) + " " + ev.text);
-        }
-      }
-      if (lines.size() > kEventsShown) {
-        lines.erase(lines.begin(),
-                    lines.end() - static_cast<long>(kEventsShown));
-      }
-      return reply(e, 'n', "events", lines);
-    }
-    case 'U':
-      if (!broken) return reply(e, 'j', what + " is not broken");
-      s.conf.state = ServiceState::Stopped;
-      return done(settle() ? "repaired and started" : "repaired");
-    case 'V':
-      return reply(
-          e, 'n',
-          std::string("tovsim ") + kDaemonVersion + " protocol " +
-              kProtocolVersion,
-          {std::string("V ") + kDaemonVersion + " " + kProtocolVersion});
-    case 'W':
-      if (s.conf.blocked) return reply(e, 'b', what + " already blocked");
-      s.conf.blocked = true;
-      return done("blocked");
-    case 'X':
-      if (!s.conf.blocked) return reply(e, 'b', what + " not blocked");
-      s.conf.blocked = false;
-      return done(settle() ? "unblocked and started" : "unblocked");
-    case 'Y': {
-      std::string text = suffix;
-      if (text.empty()) text = data.substr(0, data.find('\n'));
-      if (text.empty()) return reply(e, 'l', "nothing to log");
-      // Names may hold control bytes; the log shows them escaped.
-      logLine(0, "log entry from " + printable(who) + " for " +
-                     printable(what) + ": " + printable(text, 1024));
-      record(static_cast<int>(idx), "log: " + printable(text, 200));
-      return reply(e, 'a', "logged");
-    }
-    case 'Z':
-      if (suffix == "ping") return reply(e, 'a', "pong");
-      if (suffix == "protocol") {
-        return reply(e, 'n', "protocol version", {kProtocolVersion});
-      }
-      return reply(e, 'u', "unknown request");
-    case '[':
-      if (!broken) return reply(e, 'j', what + " is not broken");
-      startOn(s, node);
-      return done("recovered, running on " + nodeName);
-    case '@':  // quickstart here, skipping the usual checks
-      if (running) return reply(e, 'b', what + " already running");
-      if (refuseCommon(o)) return o;
-      if (s.conf.blocked) return reply(e, 'm', what + " is blocked");
-      startOn(s, node);
-      return done("quickstarted on " + nodeName);
-    default:
-      return reply(e, 'u', "unknown request");
+bool Daemon::settle(Service& s) {
+  if (s.conf.automatic && !s.conf.blocked &&
+      s.conf.state == ServiceState::Stopped) {
+    startOn(s, homeOf(s));
+    return true;
   }
+  return false;
+}
+
+Outcome Daemon::stopDaemon(const Call& c, const std::string& what,
+                           const std::string& msg, Outcome::After after) {
+  record(-1, what + " requested by " + c.who);
+  shuttingDown_ = true;
+  Outcome o = answer(c.echo, Reply::Ok, msg);
+  o.after = after;
+  return o;
+}
+
+Outcome Daemon::checkPassword(const Call& c) {
+  return answer(c.echo, Reply::Ok,
+                cfg_.users.empty() ? "authentication not required"
+                                   : "authentication ok for " + c.req.user);
+}
+
+Outcome Daemon::halt(const Call& c) {
+  return stopDaemon(c, "halt", "halting", Outcome::After::Halt);
+}
+
+Outcome Daemon::shutdown(const Call& c) {
+  return stopDaemon(c, "shutdown", "daemon shutting down",
+                    Outcome::After::Shutdown);
+}
+
+// Stop and start again, here.
+Outcome Daemon::bounce(const Call& c) {
+  startOn(services_[c.idx], c.node);
+  return done(c, "bounced on " + cfg_.nodes[c.node].name);
+}
+
+Outcome Daemon::showService(const Call& c) {
+  const Service& s = services_[c.idx];
+  return answer(c.echo, Reply::Data, label(c.idx),
+                {serviceLine(c.idx),
+                 "D " + std::to_string(s.startTimeout) + " " +
+                     std::to_string(s.stopTimeout),
+                 std::string("M ") + (s.maintenance ? "1" : "0")});
+}
+
+// "D n <start> [<stop>]" in seconds.
+Outcome Daemon::setTimeouts(const Call& c) {
+  const std::size_t b = c.suffix.find(' ');
+  int start = 0;
+  int stop = 0;
+  const bool ok =
+      parseCount(c.suffix.substr(0, b), start) &&
+      (b == std::string::npos ? (stop = start, true)
+                              : parseCount(c.suffix.substr(b + 1), stop)) &&
+      start > 0 && stop > 0;
+  if (!ok) {
+    return answer(c.echo, Reply::BadArguments,
+                  "expected: D <service> <start> [<stop>]");
+  }
+  services_[c.idx].startTimeout = start;
+  services_[c.idx].stopTimeout = stop;
+  return done(c, "timeouts set to " + std::to_string(start) + "/" +
+                     std::to_string(stop) + " s");
+}
+
+Outcome Daemon::rerunStartup(const Call& c) {
+  return done(c, "startup scripts re-run");
+}
+
+// Stop here and leave the service to the next node in the list that is
+// neither silent nor mute.
+Outcome Daemon::pass(const Call& c) {
+  Service& s = services_[c.idx];
+  const std::size_t from =
+      static_cast<std::size_t>(s.runningOn < 0 ? 0 : s.runningOn);
+  std::size_t next = from;
+  for (std::size_t k = 1; k <= cfg_.nodes.size(); ++k) {
+    const std::size_t cand = (from + k) % cfg_.nodes.size();
+    if (cfg_.nodes[cand].silence == Silence::None) {
+      next = cand;
+      break;
+    }
+  }
+  s.conf.automatic = true;
+  startOn(s, next);
+  return done(c, "passed to " + cfg_.nodes[next].name);
+}
+
+Outcome Daemon::stop(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.state == ServiceState::Stopped && !s.conf.automatic) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " already stopped");
+  }
+  s.conf.automatic = false;
+  s.conf.state = ServiceState::Stopped;
+  return done(c, "stopped (manual)");
+}
+
+Outcome Daemon::setManual(const Call& c) {
+  Service& s = services_[c.idx];
+  if (!s.conf.automatic) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " already manual");
+  }
+  s.conf.automatic = false;
+  return done(c, "set to manual");
+}
+
+Outcome Daemon::setAutomatic(const Call& c) {
+  Service& s = services_[c.idx];
+  const bool wouldStart =
+      s.conf.state == ServiceState::Stopped && !s.conf.blocked;
+  if (s.conf.automatic && !wouldStart) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " already automatic");
+  }
+  s.conf.automatic = true;
+  return done(c,
+              settle(s) ? "set to automatic and started" : "set to automatic");
+}
+
+Outcome Daemon::blockAndStop(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.blocked && s.conf.state == ServiceState::Stopped) {
+    return answer(c.echo, Reply::Already,
+                  label(c.idx) + " already blocked and stopped");
+  }
+  s.conf.blocked = true;
+  s.conf.state = ServiceState::Stopped;
+  return done(c, "blocked and stopped");
+}
+
+// "M n [on|off]"; informational only.
+Outcome Daemon::maintenance(const Call& c) {
+  bool on = true;
+  if (c.suffix == "off") {
+    on = false;
+  } else if (!c.suffix.empty() && c.suffix != "on") {
+    return answer(c.echo, Reply::BadArguments,
+                  "expected: M <service> [on|off]");
+  }
+  Service& s = services_[c.idx];
+  if (s.maintenance == on) {
+    return answer(c.echo, Reply::Already,
+                  label(c.idx) + " maintenance already " + (on ? "on" : "off"));
+  }
+  s.maintenance = on;
+  return done(c, std::string("maintenance ") + (on ? "on" : "off"));
+}
+
+Outcome Daemon::heartbeats(const Call& c) {
+  std::vector<std::string> lines;
+  for (std::size_t n = 0; n < cfg_.nodes.size(); ++n) {
+    lines.push_back(field(cfg_.nodes[n].name) + " " + cfg_.nodes[n].address +
+                    " " + (answers(n) ? "up" : "down"));
+  }
+  return answer(c.echo, Reply::Data, "heartbeats", lines);
+}
+
+Outcome Daemon::serviceList(const Call& c) {
+  std::vector<std::string> lines;
+  for (std::size_t i = 0; i < services_.size(); ++i) {
+    lines.push_back(serviceLine(i));
+  }
+  return answer(c.echo, Reply::Data, "services", lines);
+}
+
+// The latest events of the daemon and of the service.
+Outcome Daemon::events(const Call& c) {
+  std::vector<std::string> lines;
+  for (const Event& ev : events_) {
+    if (ev.service == -1 || ev.service == static_cast<int>(c.idx)) {
+      lines.push_back(std::to_string(ev.when) + " " + ev.text);
+    }
+  }
+  if (lines.size() > kEventsShown) {
+    lines.erase(lines.begin(), lines.end() - static_cast<long>(kEventsShown));
+  }
+  return answer(c.echo, Reply::Data, "events", lines);
+}
+
+Outcome Daemon::repair(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.state != ServiceState::Broken) {
+    return answer(c.echo, Reply::NotBroken, label(c.idx) + " is not broken");
+  }
+  s.conf.state = ServiceState::Stopped;
+  return done(c, settle(s) ? "repaired and started" : "repaired");
+}
+
+Outcome Daemon::version(const Call& c) {
+  return answer(
+      c.echo, Reply::Data,
+      std::string("tovsim ") + kDaemonVersion + " protocol " + kProtocolVersion,
+      {std::string("V ") + kDaemonVersion + " " + kProtocolVersion});
+}
+
+// A blocked service that runs keeps running.
+Outcome Daemon::block(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.blocked) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " already blocked");
+  }
+  s.conf.blocked = true;
+  return done(c, "blocked");
+}
+
+Outcome Daemon::unblock(const Call& c) {
+  Service& s = services_[c.idx];
+  if (!s.conf.blocked) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " not blocked");
+  }
+  s.conf.blocked = false;
+  return done(c, settle(s) ? "unblocked and started" : "unblocked");
+}
+
+// The text is the suffix, else the first data line.
+Outcome Daemon::logEntry(const Call& c) {
+  std::string text = c.suffix;
+  if (text.empty()) text = c.req.data.substr(0, c.req.data.find('\n'));
+  if (text.empty())
+    return answer(c.echo, Reply::BadArguments, "nothing to log");
+  // Names may hold control bytes; the log shows them escaped.
+  logLine(0, "log entry from " + printable(c.who) + " for " +
+                 printable(label(c.idx)) + ": " + printable(text, 1024));
+  record(static_cast<int>(c.idx), "log: " + printable(text, 200));
+  return answer(c.echo, Reply::Ok, "logged");
+}
+
+Outcome Daemon::requestHandler(const Call& c) {
+  if (c.suffix == "ping") return answer(c.echo, Reply::Ok, "pong");
+  if (c.suffix == "protocol") {
+    return answer(c.echo, Reply::Data, "protocol version", {kProtocolVersion});
+  }
+  return answer(c.echo, Reply::Unknown, "unknown request");
+}
+
+// A broken service declared running again, here.
+Outcome Daemon::recover(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.state != ServiceState::Broken) {
+    return answer(c.echo, Reply::NotBroken, label(c.idx) + " is not broken");
+  }
+  startOn(s, c.node);
+  return done(c, "recovered, running on " + cfg_.nodes[c.node].name);
+}
+
+// Start here at once, skipping the usual checks; the mode stays.
+Outcome Daemon::quickstart(const Call& c) {
+  Service& s = services_[c.idx];
+  if (s.conf.state == ServiceState::Running) {
+    return answer(c.echo, Reply::Already, label(c.idx) + " already running");
+  }
+  if (s.conf.blocked) {
+    return answer(c.echo, Reply::Locked, label(c.idx) + " is blocked");
+  }
+  startOn(s, c.node);
+  return done(c, "quickstarted on " + cfg_.nodes[c.node].name);
 }
 
 }  // namespace tovsim

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,11 +30,27 @@ struct Request {
 // authentication line is data.
 Request parseFrame(const std::string& content);
 
+// The second byte of every reply: what the daemon made of the request.
+enum class Reply : char {
+  Ok = 'a',
+  Already = 'b',  // nothing to do: it is so already
+  NotRunning = 'c',
+  AuthFailed = 'd',
+  Broken = 'g',  // the service is broken
+  ShuttingDown = 'i',
+  NotBroken = 'j',
+  Busy = 'k',
+  BadArguments = 'l',  // also a service number the daemon does not have
+  Locked = 'm',        // in transition, or blocked
+  Data = 'n',          // data lines follow
+  Unknown = 'u',
+};
+
 // A reply without its closing NUL, and what the daemon does after sending.
 struct Outcome {
   enum class After { Nothing, Shutdown, Halt };
   std::string text;
-  char letter = 'u';
+  Reply letter = Reply::Unknown;
   After after = After::Nothing;
 };
 
@@ -50,12 +67,11 @@ class Daemon {
   Outcome handle(const Request& req, const std::string& saltText,
                  std::size_t listenIdx);
 
-  // The discovery datagram of the daemon on listen address `listenIdx`.
-  std::string discoveryAnswer(std::size_t listenIdx) const;
-
-  // The datagrams that answer one probe, in order: the own answer, or what
-  // the discovery answer fault says.
-  std::vector<std::string> discoveryAnswers(std::size_t listenIdx) const;
+  // The datagrams that answer one probe, in order: the own answer, its
+  // lines packed into datagrams of at most `datagramSize` bytes (a longer
+  // line goes alone), or what the discovery answer fault says.
+  std::vector<std::string> discoveryAnswers(std::size_t listenIdx,
+                                            std::size_t datagramSize) const;
 
   // Whether listen address `listenIdx` serves a mute node: connections are
   // accepted and held, probes swallowed, nothing is ever sent.
@@ -80,13 +96,65 @@ class Daemon {
     std::string text;
   };
 
+  // One request on its way to its handler: where it came from, who sent
+  // it and, for a service request, the service and what follows its number.
+  struct Call {
+    char echo;  // the request line's first character
+    const Request& req;
+    std::string who;       // the authenticated user, or "anonymous"
+    std::size_t node;      // the node whose address took the request
+    std::size_t idx{};     // the service
+    std::string suffix{};  // after the service number
+  };
+  using Handler = Outcome (Daemon::*)(const Call&);
+  struct RequestKind;  // one entry of the request table, in daemon.cpp
+
+  // The table entry whose head starts `line`; `rest` is what follows it.
+  static const RequestKind* findRequest(const std::string& line,
+                                        std::string& rest);
   Outcome dispatch(const Request& req, const std::string& saltText,
                    std::size_t listenIdx);
-  Outcome serviceRequest(char letter, std::size_t idx,
-                         const std::string& suffix, const std::string& data,
-                         const std::string& who, std::size_t node);
+  Outcome information(char echo, std::size_t listenIdx) const;
+  // Reads "<service>[ <suffix>]" into `c`; a reply when there is none such.
+  std::optional<Outcome> parseService(const std::string& rest, Call& c) const;
+  // The refusal the table's guards give for the service's state, if any.
+  std::optional<Outcome> guard(const Call& c, unsigned guards) const;
+  Outcome done(const Call& c, const std::string& msg);
+  Outcome stopDaemon(const Call& c, const std::string& what,
+                     const std::string& msg, Outcome::After after);
+  // Starts an automatic, unblocked, stopped service on its home node.
+  bool settle(Service& s);
+  std::size_t homeOf(const Service& s) const;
+
+  // The handlers, one per request (the table in daemon.cpp maps them).
+  Outcome checkPassword(const Call& c);
+  Outcome halt(const Call& c);
+  Outcome shutdown(const Call& c);
+  Outcome bounce(const Call& c);
+  Outcome showService(const Call& c);
+  Outcome setTimeouts(const Call& c);
+  Outcome rerunStartup(const Call& c);
+  Outcome pass(const Call& c);
+  Outcome stop(const Call& c);
+  Outcome setManual(const Call& c);
+  Outcome setAutomatic(const Call& c);
+  Outcome blockAndStop(const Call& c);
+  Outcome maintenance(const Call& c);
+  Outcome heartbeats(const Call& c);
+  Outcome serviceList(const Call& c);
+  Outcome events(const Call& c);
+  Outcome repair(const Call& c);
+  Outcome version(const Call& c);
+  Outcome block(const Call& c);
+  Outcome unblock(const Call& c);
+  Outcome logEntry(const Call& c);
+  Outcome requestHandler(const Call& c);
+  Outcome recover(const Call& c);
+  Outcome quickstart(const Call& c);
+
   // Served by this process and neither silent nor mute.
   bool answers(std::size_t node) const;
+  std::size_t nodeAt(std::size_t listenIdx) const;
   std::string clusterLine(std::size_t listenIdx) const;
   std::vector<std::string> nodeLines() const;
   std::string serviceLine(std::size_t idx) const;

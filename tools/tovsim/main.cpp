@@ -85,6 +85,7 @@ struct Settings {
   std::vector<std::string> silentNodes;
   std::vector<std::string> muteNodes;
   std::size_t maxFrame = 65536;
+  std::size_t udpDatagramSize = tovsim::kDefaultAnswerDatagram;
   tovsim::Faults faults;
   std::string faultLetter;
   std::vector<std::string> udpAnswers;
@@ -151,6 +152,12 @@ void addOptions(CLI::App& app, Settings& s) {
                  "largest request frame in bytes (16-16777216)")
       ->type_name("BYTES")
       ->check(wholeIn(16, 16 << 20))
+      ->capture_default_str();
+  app.add_option("--udp-datagram-size", s.udpDatagramSize,
+                 "largest datagram of the own discovery answer, split "
+                 "between lines (256-65507)")
+      ->type_name("BYTES")
+      ->check(wholeIn(tovsim::kMinAnswerDatagram, tovsim::kMaxDatagram))
       ->capture_default_str();
   app.add_option("--poll-time", s.pollTime,
                  "poll time in seconds announced in the cluster record, "
@@ -281,6 +288,7 @@ int serve(const tovsim::Config& cfg, const Settings& s, long long now,
   so.readyFile = s.readyFile;
   so.maxConnections = s.maxConnections;
   so.maxFrame = s.maxFrame;
+  so.udpDatagramSize = s.udpDatagramSize;
   int rc = 0;
   {
     tovsim::Server server(daemon, so);

@@ -253,82 +253,101 @@ void Server::reap(bool all) {
 }
 
 int Server::run(int signalFd) {
-  const auto started = Clock::now();
-  const auto deadline = started + std::chrono::seconds(opts_.maxLifetimeSec);
-  while (!abort_ && !drain_) {
-    reap(false);
-    std::vector<pollfd> fds;
-    fds.push_back({wakePipe_[0], POLLIN, 0});
-    fds.push_back({signalFd, POLLIN, 0});
-    for (int fd : udpFds_) fds.push_back({fd, POLLIN, 0});
-    // Listening sockets with room behind them: a thread for an answering
-    // node, a held slot for a mute one; none for a moment after running out
-    // of descriptors.
-    const bool paused = Clock::now() < acceptPausedUntil_;
-    const bool room =
-        !paused && static_cast<int>(workers_.size()) < opts_.maxConnections;
-    const bool muteRoom = !paused && mute_.size() < kMaxMuteHeld;
-    std::vector<std::size_t> polledTcp;
-    for (std::size_t i = 0; i < tcpFds_.size(); ++i) {
-      if (muteIdx_[i] ? muteRoom : room) {
-        fds.push_back({tcpFds_[i], POLLIN, 0});
-        polledTcp.push_back(i);
-      }
-    }
-    const std::size_t polledMute = mute_.size();
-    for (const MuteConn& m : mute_) fds.push_back({m.fd, POLLIN, 0});
-    int timeout = paused ? kAcceptPauseMs : 1000;
-    if (opts_.maxLifetimeSec > 0) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            deadline - Clock::now())
-                            .count();
-      if (left <= 0) {
-        logLine(0, "maximum lifetime of " +
-                       std::to_string(opts_.maxLifetimeSec) +
-                       " s reached, stopping");
-        abort_ = true;
-        break;
-      }
-      timeout = static_cast<int>(std::min<long long>(timeout, left));
-    }
-    const int n = poll(fds.data(), fds.size(), timeout);
-    if (n < 0) {
-      if (errno == EINTR) continue;
+  const auto deadline =
+      Clock::now() + std::chrono::seconds(opts_.maxLifetimeSec);
+  while (!abort_ && !drain_) pollOnce(signalFd, deadline);
+  finish();
+  return 0;
+}
+
+void Server::pollOnce(int signalFd, Clock::time_point deadline) {
+  reap(false);
+  PollSet ps = pollSet(signalFd);
+  int timeout = ps.paused ? kAcceptPauseMs : 1000;
+  if (!lifetimeLeft(deadline, timeout)) return;
+  const int n = poll(ps.fds.data(), ps.fds.size(), timeout);
+  if (n < 0) {
+    if (errno != EINTR) {
       logLine(0, sysError("poll"));
       abort_ = true;
-      break;
     }
-    if (fds[0].revents & POLLIN) {
-      char buf[64];
-      while (read(wakePipe_[0], buf, sizeof buf) > 0) {
-      }
-    }
-    if (fds[1].revents & POLLIN) {
-      signalfd_siginfo si{};
-      if (read(signalFd, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
-        logLine(0, std::string("received ") +
-                       strsignal(static_cast<int>(si.ssi_signo)) +
-                       ", stopping");
-      }
-      abort_ = true;
-      break;
-    }
-    for (std::size_t i = 0; i < udpFds_.size(); ++i) {
-      if (fds[2 + i].revents & POLLIN) answerProbe(i);
-    }
-    // Mute connections first, from the back, so that closing one keeps
-    // the indices of the others; accepting appends behind them.
-    const std::size_t muteBase = 2 + udpFds_.size() + polledTcp.size();
-    for (std::size_t k = polledMute; k-- > 0;) {
-      if (fds[muteBase + k].revents != 0 && !readMute(mute_[k])) {
-        mute_.erase(mute_.begin() + static_cast<std::ptrdiff_t>(k));
-      }
-    }
-    const std::size_t tcpBase = 2 + udpFds_.size();
-    for (std::size_t k = 0; k < polledTcp.size(); ++k) {
-      if (fds[tcpBase + k].revents & POLLIN) acceptOn(polledTcp[k]);
+    return;
+  }
+  handleEvents(ps, signalFd);
+}
+
+Server::PollSet Server::pollSet(int signalFd) const {
+  PollSet ps;
+  ps.fds.push_back({wakePipe_[0], POLLIN, 0});
+  ps.fds.push_back({signalFd, POLLIN, 0});
+  for (int fd : udpFds_) ps.fds.push_back({fd, POLLIN, 0});
+  // Listening sockets with room behind them: a thread for an answering
+  // node, a held slot for a mute one; none for a moment after running out
+  // of descriptors.
+  ps.paused = Clock::now() < acceptPausedUntil_;
+  const bool room =
+      !ps.paused && static_cast<int>(workers_.size()) < opts_.maxConnections;
+  const bool muteRoom = !ps.paused && mute_.size() < kMaxMuteHeld;
+  for (std::size_t i = 0; i < tcpFds_.size(); ++i) {
+    if (muteIdx_[i] ? muteRoom : room) {
+      ps.fds.push_back({tcpFds_[i], POLLIN, 0});
+      ps.polledTcp.push_back(i);
     }
   }
+  ps.polledMute = mute_.size();
+  for (const MuteConn& m : mute_) ps.fds.push_back({m.fd, POLLIN, 0});
+  return ps;
+}
+
+bool Server::lifetimeLeft(Clock::time_point deadline, int& timeout) {
+  if (opts_.maxLifetimeSec <= 0) return true;
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - Clock::now())
+                        .count();
+  if (left <= 0) {
+    logLine(0, "maximum lifetime of " + std::to_string(opts_.maxLifetimeSec) +
+                   " s reached, stopping");
+    abort_ = true;
+    return false;
+  }
+  timeout = static_cast<int>(std::min<long long>(timeout, left));
+  return true;
+}
+
+void Server::handleEvents(const PollSet& ps, int signalFd) {
+  const std::vector<pollfd>& fds = ps.fds;
+  if (fds[0].revents & POLLIN) {
+    char buf[64];
+    while (read(wakePipe_[0], buf, sizeof buf) > 0) {
+    }
+  }
+  if (fds[1].revents & POLLIN) {
+    signalfd_siginfo si{};
+    if (read(signalFd, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
+      logLine(0, std::string("received ") +
+                     strsignal(static_cast<int>(si.ssi_signo)) + ", stopping");
+    }
+    abort_ = true;
+    return;
+  }
+  for (std::size_t i = 0; i < udpFds_.size(); ++i) {
+    if (fds[2 + i].revents & POLLIN) answerProbe(i);
+  }
+  // Mute connections first, from the back, so that closing one keeps the
+  // indices of the others; accepting appends behind them.
+  const std::size_t tcpBase = 2 + udpFds_.size();
+  const std::size_t muteBase = tcpBase + ps.polledTcp.size();
+  for (std::size_t k = ps.polledMute; k-- > 0;) {
+    if (fds[muteBase + k].revents != 0 && !readMute(mute_[k])) {
+      mute_.erase(mute_.begin() + static_cast<std::ptrdiff_t>(k));
+    }
+  }
+  for (std::size_t k = 0; k < ps.polledTcp.size(); ++k) {
+    if (fds[tcpBase + k].revents & POLLIN) acceptOn(ps.polledTcp[k]);
+  }
+}
+
+void Server::finish() {
   // No new clients from here on; running exchanges finish (shutdown
   // request) or are cut short (signal, lifetime, halt).
   closeAll();
@@ -346,7 +365,6 @@ int Server::run(int signalFd) {
   reap(true);
   if (readyWritten_) std::remove(opts_.readyFile.c_str());
   logLine(0, "stopped");
-  return 0;
 }
 
 void Server::acceptOn(std::size_t idx) {
@@ -455,7 +473,8 @@ void Server::answerProbe(std::size_t idx) {
     }
     // Only ever to the probe's sender: nothing unasked, nothing broadcast.
     const std::vector<UdpAnswer>& fake = daemon_.config().faults.udpAnswers;
-    const std::vector<std::string> answers = daemon_.discoveryAnswers(idx);
+    const std::vector<std::string> answers =
+        daemon_.discoveryAnswers(idx, opts_.udpDatagramSize);
     for (std::size_t k = 0; k < answers.size(); ++k) {
       const std::string& answer = answers[k];
       if (sendto(udpFds_[idx], answer.data(), answer.size(), 0,
@@ -465,10 +484,12 @@ void Server::answerProbe(std::size_t idx) {
         break;
       }
       std::string which;
-      if (!fake.empty()) {
+      if (!fake.empty() || answers.size() > 1) {
         which = ", datagram " + std::to_string(k + 1) + " of " +
-                std::to_string(fake.size()) +
-                (fake[k].own ? ": own answer" : ": given bytes");
+                std::to_string(answers.size());
+      }
+      if (!fake.empty()) {
+        which += fake[k].own ? ": own answer" : ": given bytes";
       }
       TOVSIM_LOG(1, "udp " << opts_.listen[idx] << ": discovery probe from "
                            << peer << " answered (" << answer.size() << " bytes"

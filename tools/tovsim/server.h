@@ -3,6 +3,8 @@
 #ifndef TOVSIM_SERVER_H
 #define TOVSIM_SERVER_H
 
+#include <poll.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -25,6 +27,8 @@ struct ServerOptions {
   std::string readyFile;
   int maxConnections = 256;
   std::size_t maxFrame = 65536;
+  // Largest datagram of the own discovery answer.
+  std::size_t udpDatagramSize = kDefaultAnswerDatagram;
 };
 
 // Connections held open at the addresses of mute nodes; past this many,
@@ -62,11 +66,26 @@ class Server {
     std::size_t received;
   };
 
+  // One round of the main loop's poll: what is polled, and where.
+  struct PollSet {
+    std::vector<pollfd> fds;             // wake pipe, signals, UDP, TCP, mute
+    std::vector<std::size_t> polledTcp;  // listen index of each TCP entry
+    std::size_t polledMute = 0;          // mute connections polled
+    bool paused = false;                 // accepting rests (no descriptors)
+  };
+
   void checkFdLimit();
   void openTcp();
   void openUdp();
   void closeAll();
   void writeReadyFile();
+  void pollOnce(int signalFd, Clock::time_point deadline);
+  PollSet pollSet(int signalFd) const;
+  // The poll timeout until the lifetime ends; false (and stopping) once it
+  // has.
+  bool lifetimeLeft(Clock::time_point deadline, int& timeout);
+  void handleEvents(const PollSet& ps, int signalFd);
+  void finish();
   void acceptOn(std::size_t idx);
   void holdMute(int fd, std::size_t idx, const std::string& peer);
   bool readMute(MuteConn& m);
