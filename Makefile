@@ -1,5 +1,5 @@
-# Entry points for newcomers and CI. Every target installs missing Debian
-# packages first (idempotent) and builds out of tree.
+# Entry points for newcomers and CI. Every target that builds installs missing
+# Debian packages first (idempotent) and builds out of tree.
 BUILD      ?= build
 GENERATOR  ?= Ninja
 JOBS       ?= 2
@@ -16,7 +16,12 @@ build: deps
 	cmake --build $(BUILD) -j $(JOBS)
 
 # A narrated session against a simulated four-node cluster on loopback (three
-# nodes answering, one silent).
+# nodes answering, one silent): only the three tools are built, then
+# scripts/demo.sh runs tovctl's commands, a failover from the silent entry
+# node, a named cluster, a refused password, a stalled daemon ended by the
+# deadline and the exporter's /metrics and /probe. Discovery is aimed at
+# 127.0.0.1, never broadcast; the demo stops at once when UDP port 1195 is
+# taken, while a taken TCP port 1195 is replaced by one the kernel picks.
 demo: deps
 	cmake -S . -B $(BUILD) -G $(GENERATOR) $(CMAKE_ARGS)
 	cmake --build $(BUILD) -j $(JOBS) --target tovctl tovsim tovexporter
@@ -37,7 +42,7 @@ test-sanitize: deps
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(SAN_BUILD) --output-on-failure -j $(JOBS) --timeout 300
 
-# The integration suites under valgrind, with the same two suppressions.
+# The integration suite under valgrind, with the same two suppressions.
 MEMCHECK = valgrind --quiet --error-exitcode=1 --leak-check=full \
   --errors-for-leak-kinds=definite --suppressions=$(CURDIR)/tests/valgrind.supp
 memcheck: build
@@ -86,7 +91,7 @@ bench: deps
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := fuzz_sim_frame fuzz_info_reply fuzz_reply_decoder fuzz_discovery \
-                fuzz_clusters
+                fuzz_clusters fuzz_discovery_diff
 FUZZ_ENV      = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 FUZZ_CONFIGURE = CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -G $(GENERATOR) \

@@ -203,6 +203,46 @@ TEST_F(Tovctl, MisbehavingDaemonsEndInOneErrorLine) {
   }
 }
 
+// Every path that asks a busy daemon again (the library's service command
+// and the tool's own requests), one attempt short of the last and one past
+// it, and the raw request that never asks again. Poll time 0: no waiting.
+TEST_F(Tovctl, BusyDaemonsAreAskedAgainUpToTheAttempts) {
+  struct Case {
+    int busy;  // requests the daemon answers busy
+    Args args;
+    int status;
+    std::string text;  // the start of the output, or of the error's detail
+  };
+  const std::string still = "; still busy after 3 attempt(s) (-a N)";
+  const std::vector<Case> cases{
+      {2, {"bounce", "web"}, 0, "ok: bounce of service 0 (web)"},
+      {3, {"bounce", "web"}, 26, still},
+      {2, {"version"}, 0, "daemon version "},
+      {3, {"version"}, 26, still},
+      {1, {"send", "V 0"}, 26, "; the daemon says \"daemon busy\""},
+  };
+  std::vector<std::unique_ptr<simtest::SimProcess>> sims;
+  for (const Case& c : cases) {
+    sims.push_back(
+        startSim({"--busy", std::to_string(c.busy), "--poll-time", "0"}));
+  }
+  const std::vector<Outcome> outcomes = atOnce(cases.size(), [&](size_t i) {
+    Args args = admin({"-p", sims[i]->portStr(), "-a", "3"});
+    args.insert(args.end(), cases[i].args.begin(), cases[i].args.end());
+    return runTovctl(args);
+  });
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(testing::PrintToString(cases[i].args));
+    const Outcome& r = outcomes[i];
+    EXPECT_EQ(r.status, cases[i].status) << r.err;
+    if (cases[i].status == 0) {
+      EXPECT_THAT(r.out, StartsWith(cases[i].text));
+    } else {
+      expectOneErrorLine(r, "(TOV_COMMS_BUSY, code 26)" + cases[i].text);
+    }
+  }
+}
+
 TEST_F(Tovctl, DiscoveryKeepsAllButTheMalformedAnswer) {
   // One probe, three answers: the node's own, one whose node line is short,
   // and one with bytes that are not text. Only the second is lost.
@@ -243,6 +283,51 @@ TEST_F(Tovctl, DiscoveryKeepsAllButTheMalformedAnswer) {
                                        HasSubstr(" Found 3 cluster(s)\n")));
   expectFields(json::parse(r[4].out), R"({"/mode": "clusters",
       "/clusters/0/nodes/0/name": "node1"})");
+}
+
+// A 256-node cluster's answer in four datagrams of 64 node lines, as a
+// daemon splits an answer too long for one, then a bootstrap machine's in
+// the last: every node line is shown with the cluster line it follows, as
+// the library groups them (its raw report, --raw).
+TEST_F(Tovctl, DiscoveryShowsAClusterSplitOverDatagramsWhole) {
+  const std::string head = "C big 256 2 cafe01 -1 0 0 1 0 0 m1 d1";
+  std::string all = head, listed;
+  Args sim{"--udp-answer", head};
+  for (int i = 1; i <= 256; ++i) {
+    const std::string name = "node" + std::to_string(i);
+    const std::string addr =
+        "10.0." + std::to_string(i / 100) + "." + std::to_string(i % 100);
+    const std::string line = "N " + name + " " + addr + " 4";
+    all += "\n" + line;
+    listed += "\n  [" + std::to_string(i) + "] " + name + " [" + addr + "]";
+    std::string& datagram = sim.back();
+    datagram += (i % 64 == 1 && i > 1 ? "" : "\n") + line;
+    if (i % 64 == 0 && i < 256) sim.insert(sim.end(), {"--udp-answer", ""});
+  }
+  sim.back() += "\nC boot 1 0 b007 -1 0 0 1 0 1 m2 d2\nN lone 10.9.9.9 4";
+  try {
+    sim_ = startSim(sim, simtest::defaultConfigJson(), {"127.0.3.3"}, 0, 1195);
+  } catch (const std::exception& e) {
+    GTEST_SKIP() << "UDP port 1195 on 127.0.3.3 is not available: " << e.what();
+  }
+  const std::vector<std::string> runs{"", "--json", "--raw"};
+  const std::vector<Outcome> r = atOnce(runs.size(), [&](size_t i) {
+    return runTovctl(testsupport::words("discover 127.0.3.3 " + runs[i]));
+  });
+  for (const Outcome& each : r) {
+    EXPECT_EQ(each.status, 0) << each.err;
+    EXPECT_EQ(each.err, "");
+  }
+  EXPECT_THAT(r[0].out,
+              HasSubstr(" Number of Nodes     : 256\n" + listed + "\n\n"));
+  EXPECT_THAT(r[0].out, HasSubstr(" Found 2 cluster(s)\n"));
+  const json doc = json::parse(r[1].out);
+  ASSERT_EQ(doc["clusters"].size(), 2u) << r[1].out;
+  EXPECT_EQ(doc["clusters"][0]["nodes"].size(), 256u);
+  expectFields(doc, R"({"/clusters/0/nodes/255/name": "node256",
+      "/clusters/0/sender": "127.0.3.3", "/clusters/1/nodes/0/name": "lone",
+      "/skipped_count": 0, "/dropped": 0})");
+  EXPECT_THAT(r[2].out, HasSubstr("\n\n" + all + "\n\nC boot"));
 }
 
 TEST_F(Tovctl, DaemonTextNeverDrivesTheTerminal) {

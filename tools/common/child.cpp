@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <mutex>
 
 namespace tovtools {
 
@@ -24,6 +25,43 @@ constexpr auto kSlice = std::chrono::milliseconds(20);
 void closeFd(int& fd) {
   if (fd >= 0) close(fd);
   fd = -1;
+}
+
+// The caller's ends of its children's pipes. Never destroyed: a child may
+// be ended by a destructor that runs after this one would have.
+std::mutex& endsMutex() {
+  static auto* mu = new std::mutex;
+  return *mu;
+}
+std::vector<int>& callerEnds() {
+  static auto* ends = new std::vector<int>;
+  return *ends;
+}
+
+void remember(int fd) {
+  if (fd < 0) return;
+  std::lock_guard<std::mutex> lock(endsMutex());
+  callerEnds().push_back(fd);
+}
+
+// Closes one of the caller's ends.
+void release(int& fd) {
+  if (fd < 0) return;
+  {
+    std::lock_guard<std::mutex> lock(endsMutex());
+    std::vector<int>& ends = callerEnds();
+    ends.erase(std::remove(ends.begin(), ends.end(), fd), ends.end());
+  }
+  closeFd(fd);
+}
+
+// In a forked copy, first of all: the caller's ends of the other children
+// are not its own (no other thread can hold the lock: there is none). The
+// list is emptied, so that a child of the copy does not close their
+// numbers again once they mean something else.
+void closeCallerEnds() {
+  for (const int fd : callerEnds()) close(fd);
+  callerEnds().clear();
 }
 
 // Keeps a new descriptor off 0-2, where the child's dup2() onto its
@@ -85,10 +123,11 @@ void closeFrom3(int maxFd) {
   for (int fd = 3; fd < maxFd; ++fd) close(fd);
 }
 
-// The child's part common to both kinds: a process group of its own, which
-// goes when the spawning thread goes, and its standard streams.
-void childStart(pid_t parent, int in, int out, int err) {
-  setpgid(0, 0);
+// The child's part common to both kinds: a process group of its own unless
+// it stays in the caller's, its end when the spawning thread goes, and its
+// standard streams.
+void childStart(pid_t parent, bool group, int in, int out, int err) {
+  if (group) setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(127);
   dup2(in, STDIN_FILENO);
@@ -99,14 +138,16 @@ void childStart(pid_t parent, int in, int out, int err) {
 }  // namespace
 
 bool ChildProcess::begin(int (&in)[2], int (&out)[2], int (&err)[2],
-                         std::string& why) {
+                         bool errors, std::string& why) {
   kill();
   output_.clear();
   errors_.clear();
   outputCut_ = killed_ = false;
   status_ = 0;
   in[0] = in[1] = out[0] = out[1] = err[0] = err[1] = -1;
-  if (makePipe(in) && makePipe(out) && makePipe(err)) return true;
+  if (makePipe(in) && makePipe(out) && (!errors || makePipe(err))) {
+    return true;
+  }
   why = std::strerror(errno);
   for (int* fds : {in, out, err}) {
     closeFd(fds[0]);
@@ -115,16 +156,19 @@ bool ChildProcess::begin(int (&in)[2], int (&out)[2], int (&err)[2],
   return false;
 }
 
-void ChildProcess::started(pid_t pid, int out, int err) {
+void ChildProcess::started(pid_t pid, int in, int out, int err, bool group) {
   // Set here as well as in the child, so that a kill right away finds the
   // group whichever of the two runs first.
-  setpgid(pid, pid);
+  if (group) setpgid(pid, pid);
+  group_ = group;
   pid_ = pid;
+  in_ = in;
   out_ = out;
   err_ = err;
   fcntl(out_, F_SETFL, O_NONBLOCK);
-  fcntl(err_, F_SETFL, O_NONBLOCK);
+  if (err_ >= 0) fcntl(err_, F_SETFL, O_NONBLOCK);
   pidfd_ = openPidfd(pid);
+  for (const int fd : {in_, out_, err_, pidfd_}) remember(fd);
 }
 
 bool ChildProcess::spawn(const std::vector<std::string>& argv,
@@ -138,7 +182,7 @@ bool ChildProcess::spawn(const std::vector<std::string>& argv,
     return false;
   }
   int in[2], out[2], err[2];
-  if (!begin(in, out, err, why)) return false;
+  if (!begin(in, out, err, true, why)) return false;
   // The input waits in the pipe before the child exists: nothing can block.
   fcntl(in[1], F_SETFL, O_NONBLOCK);
   if (input.size() > 65536) {
@@ -168,7 +212,7 @@ bool ChildProcess::spawn(const std::vector<std::string>& argv,
     pthread_sigmask(SIG_SETMASK, &all, &saved);
     pid = fork();
     if (pid == 0) {
-      childStart(parent, in[0], out[1], err[1]);
+      childStart(parent, true, in[0], out[1], err[1]);
       closeFrom3(maxFd);
       sigaction(SIGPIPE, &dfl, nullptr);
       sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -188,21 +232,25 @@ bool ChildProcess::spawn(const std::vector<std::string>& argv,
     closeFd(err[0]);
     return false;
   }
-  started(pid, out[0], err[0]);
+  started(pid, -1, out[0], err[0], true);
   return true;
 }
 
-bool ChildProcess::spawn(const std::function<int(int)>& fn, std::string& why) {
+bool ChildProcess::spawn(const std::function<int(int)>& fn, std::string& why,
+                         ForkSetup setup) {
   int in[2], out[2], err[2];
-  if (!begin(in, out, err, why)) return false;
-  closeFd(in[1]);  // its input: empty
+  if (!begin(in, out, err, !setup.callersErrors, why)) return false;
+  if (!setup.requests) closeFd(in[1]);  // its input: empty
   const pid_t parent = getpid();
   const pid_t pid = fork();
   if (pid == 0) {
+    closeCallerEnds();
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    childStart(parent, in[0], null >= 0 ? null : out[1], err[1]);
-    close(out[0]);
-    close(err[0]);
+    childStart(parent, !setup.callersGroup, in[0], null >= 0 ? null : out[1],
+               setup.callersErrors ? STDERR_FILENO : err[1]);
+    for (const int fd : {in[1], out[0], err[0]}) {
+      if (fd >= 0) close(fd);
+    }
     int status = 1;
     try {
       status = fn(out[1]);
@@ -215,11 +263,12 @@ bool ChildProcess::spawn(const std::function<int(int)>& fn, std::string& why) {
   closeFd(out[1]);
   closeFd(err[1]);
   if (pid < 0) {
+    closeFd(in[1]);
     closeFd(out[0]);
     closeFd(err[0]);
     return false;
   }
-  started(pid, out[0], err[0]);
+  started(pid, in[1], out[0], err[0], !setup.callersGroup);
   return true;
 }
 
@@ -242,7 +291,7 @@ bool ChildProcess::collect() {
   // Ended, and not yet reaped: its id cannot be taken by another process,
   // so the rest of its group can be killed safely. What it wrote is all in
   // the pipes by now, even where a dying worker still holds them.
-  ::kill(-pid_, SIGKILL);
+  if (group_) ::kill(-pid_, SIGKILL);
   drain(out_, output_, limits_.output, &outputCut_);
   drain(err_, errors_, limits_.errors, nullptr);
   int st = 0;
@@ -267,13 +316,36 @@ bool ChildProcess::waitUntil(Clock::time_point until) {
   }
 }
 
+bool ChildProcess::send(const std::string& data) {
+  for (std::size_t done = 0; done < data.size();) {
+    if (!running() || in_ < 0) return false;
+    const ssize_t put = write(in_, data.data() + done, data.size() - done);
+    if (put < 0 && errno == EINTR) continue;
+    if (put <= 0) return false;
+    done += static_cast<std::size_t>(put);
+  }
+  return running() && in_ >= 0;
+}
+
+bool ChildProcess::take(void* into, std::size_t size) {
+  if (output_.size() < size) return false;
+  std::memcpy(into, output_.data(), size);
+  output_.erase(0, size);
+  return true;
+}
+
+void ChildProcess::stop() {
+  if (!running()) return;
+  if (group_) ::kill(-pid_, SIGKILL);
+  ::kill(pid_, SIGKILL);
+}
+
 void ChildProcess::kill() {
   if (!running()) {
     closeAll();
     return;
   }
-  ::kill(-pid_, SIGKILL);
-  ::kill(pid_, SIGKILL);
+  stop();
   int st = 0;
   pid_t got;
   while ((got = waitpid(pid_, &st, 0)) < 0 && errno == EINTR) {
@@ -289,9 +361,7 @@ void ChildProcess::end(int status) {
 }
 
 void ChildProcess::closeAll() {
-  closeFd(out_);
-  closeFd(err_);
-  closeFd(pidfd_);
+  for (int* fd : {&in_, &out_, &err_, &pidfd_}) release(*fd);
 }
 
 }  // namespace tovtools

@@ -1,10 +1,7 @@
 #include "common/snapshot.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <memory>
 
+#include "common/child.h"
 #include "tovapi/libtovapi.h"
 
 namespace tovtools {
@@ -119,29 +118,24 @@ struct ProbeResult {
   double seconds;
 };
 
-// A probe worker: a process of its own, kept between snapshots so that a
-// program taking one snapshot after another in one process pays for the
-// processes once. The tools take each snapshot in a child process of its
-// own (tools/common/child.h), whose workers end with it. Requests go down one pipe, results come up the
-// other. A worker that overruns its probe is killed, never reused.
+// A probe worker: a child process (common/child.h) that serves one probe
+// after another, kept between snapshots so that a program taking one
+// snapshot after another in one process (the benchmarks) pays for the
+// processes once. The tools take each snapshot in a child process of their
+// own (the live view and the exporter alike), whose workers end with it.
+// Requests go down its input, results come up its output. A worker that
+// overruns its probe is killed, never reused.
 struct Worker {
-  pid_t pid = -1;
-  int request = -1;  // parent's end: address and port for the next probe
-  int result = -1;   // parent's end: one ProbeResult per probe
+  std::unique_ptr<ChildProcess> child;
   std::size_t node = 0;
   Clock::time_point end;
 };
 
+// Never destroyed: at the program's end the idle workers see their
+// requests end and go by themselves, with no one waiting for them.
 std::vector<Worker>& idleWorkers() {
-  static std::vector<Worker> idle;
-  return idle;
-}
-
-// Every pipe end the parent holds: a new worker closes them all, so that
-// the other workers see the end of their request pipe when the parent goes.
-std::vector<int>& parentEnds() {
-  static std::vector<int> ends;
-  return ends;
+  static auto* idle = new std::vector<Worker>;
+  return *idle;
 }
 
 bool readAll(int fd, void* buf, std::size_t n) {
@@ -170,8 +164,7 @@ bool writeAll(int fd, const void* buf, std::size_t n) {
 
 // The worker's life: one probe per request until the parent closes the
 // request pipe or goes away.
-[[noreturn]] void serveProbes(int requests, int results, double limit) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+int serveProbes(int requests, int results, double limit) {
   // The deadline's interrupting signal is the parent's business: here a
   // probe that overruns by far simply ends the process.
   signal(SIGALRM, SIG_DFL);
@@ -180,12 +173,12 @@ bool writeAll(int fd, const void* buf, std::size_t n) {
     std::uint32_t sizes[2];
     if (!readAll(requests, sizes, sizeof sizes) || sizes[0] > 4096 ||
         sizes[1] > 64) {
-      _exit(0);
+      return 0;
     }
     std::string address(sizes[0], '\0'), port(sizes[1], '\0');
     if (!readAll(requests, &address[0], address.size()) ||
         !readAll(requests, &port[0], port.size())) {
-      _exit(0);
+      return 0;
     }
     alarm(static_cast<unsigned>(std::ceil(limit)) + 1);
     // The cache may hold this node's information from an earlier probe;
@@ -203,79 +196,53 @@ bool writeAll(int fd, const void* buf, std::size_t n) {
     }
     alarm(0);
     const ProbeResult r{rc, secondsSince(begun)};
-    if (!writeAll(results, &r, sizeof r) || threw) _exit(0);
+    if (!writeAll(results, &r, sizeof r) || threw) return 0;
   }
 }
 
+// A new worker: in the caller's process group, so that killing a snapshot
+// child's group ends its workers too, and with the caller's standard error,
+// where the library's diagnostics go as they would without workers.
 bool spawnWorker(Worker& w, double limit, std::string& why) {
-  int down[2], up[2];
-  if (pipe2(down, O_CLOEXEC) != 0) {
-    why = std::strerror(errno);
-    return false;
-  }
-  if (pipe2(up, O_CLOEXEC) != 0) {
-    why = std::strerror(errno);
-    close(down[0]);
-    close(down[1]);
-    return false;
-  }
-  const pid_t pid = fork();
-  if (pid == 0) {
-    for (int fd : parentEnds()) close(fd);
-    close(down[1]);
-    close(up[0]);
-    serveProbes(down[0], up[1], limit);
-  }
-  close(down[0]);
-  close(up[1]);
-  if (pid < 0) {
-    why = std::strerror(errno);
-    close(down[1]);
-    close(up[0]);
-    return false;
-  }
-  w.pid = pid;
-  w.request = down[1];
-  w.result = up[0];
-  parentEnds().push_back(w.request);
-  parentEnds().push_back(w.result);
-  return true;
+  ForkSetup setup;
+  setup.requests = true;
+  setup.callersErrors = true;
+  setup.callersGroup = true;
+  w.child = std::make_unique<ChildProcess>(ChildLimits{4096, 0});
+  return w.child->spawn(
+      [limit](int results) {
+        return serveProbes(STDIN_FILENO, results, limit);
+      },
+      why, setup);
 }
 
-void dropWorker(Worker& w, std::vector<pid_t>& ended) {
-  kill(w.pid, SIGKILL);
-  auto& ends = parentEnds();
-  ends.erase(std::remove_if(
-                 ends.begin(), ends.end(),
-                 [&w](int fd) { return fd == w.request || fd == w.result; }),
-             ends.end());
-  close(w.request);
-  close(w.result);
-  ended.push_back(w.pid);
+// Killed at once, reaped by reap(): the ends of many workers overlap.
+void dropWorker(Worker& w, std::vector<std::unique_ptr<ChildProcess>>& ended) {
+  w.child->stop();
+  ended.push_back(std::move(w.child));
 }
 
 // An answered worker waits for the next snapshot, up to one per node of the
 // largest cluster: a process taking snapshots of several clusters keeps no
 // more than one of them needs.
-void keepIdle(Worker& w, unsigned maxWorkers, std::vector<pid_t>& ended) {
+void keepIdle(Worker& w, unsigned maxWorkers,
+              std::vector<std::unique_ptr<ChildProcess>>& ended) {
   if (idleWorkers().size() < maxWorkers) {
-    idleWorkers().push_back(w);
+    idleWorkers().push_back(std::move(w));
   } else {
     dropWorker(w, ended);
   }
 }
 
-// Reaped at the end, so that the ends of killed workers overlap.
-void reap(const std::vector<pid_t>& ended) {
-  for (pid_t pid : ended) {
-    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-    }
-  }
+void reap(std::vector<std::unique_ptr<ChildProcess>>& ended) {
+  for (const auto& child : ended) child->kill();
+  ended.clear();
 }
 
 // Hands the probe of `address` to an idle worker, or to a new one.
 bool startProbe(Worker& w, const std::string& address, const std::string& port,
-                double limit, std::vector<pid_t>& ended, std::string& why) {
+                double limit, std::vector<std::unique_ptr<ChildProcess>>& ended,
+                std::string& why) {
   const std::uint32_t sizes[2] = {static_cast<std::uint32_t>(address.size()),
                                   static_cast<std::uint32_t>(port.size())};
   const std::string request =
@@ -283,13 +250,13 @@ bool startProbe(Worker& w, const std::string& address, const std::string& port,
       address + port;
   auto& idle = idleWorkers();
   while (!idle.empty()) {
-    w = idle.back();
+    w = std::move(idle.back());
     idle.pop_back();
-    if (writeAll(w.request, request.data(), request.size())) return true;
+    if (w.child->send(request)) return true;
     dropWorker(w, ended);  // it has gone away since
   }
   if (!spawnWorker(w, limit, why)) return false;
-  if (writeAll(w.request, request.data(), request.size())) return true;
+  if (w.child->send(request)) return true;
   why = "the probe worker went away";
   dropWorker(w, ended);
   return false;
@@ -368,7 +335,7 @@ class ProbeRound {
       w.node = next_++;
       w.end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(limit_));
-      running_.push_back(w);
+      running_.push_back(std::move(w));
     }
   }
 
@@ -389,10 +356,13 @@ class ProbeRound {
   void awaitResults() {
     Clock::time_point wake = Clock::now() + deadline_.remaining();
     std::vector<pollfd> fds;
+    std::vector<std::size_t> from;  // each worker's first descriptor in fds
     for (const Worker& w : running_) {
       wake = std::min(wake, w.end);
-      fds.push_back({w.result, POLLIN, 0});
+      from.push_back(fds.size());
+      w.child->addTo(fds);
     }
+    from.push_back(fds.size());
     const auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(
                             std::max(wake - Clock::now(), Clock::duration{}))
                             .count();
@@ -408,29 +378,36 @@ class ProbeRound {
       running_.clear();
       return;
     }
-    collect(fds, n > 0);
+    std::vector<bool> ready(running_.size(), false);
+    for (std::size_t i = 0; n > 0 && i < running_.size(); ++i) {
+      for (std::size_t j = from[i]; j < from[i + 1]; ++j) {
+        ready[i] = ready[i] || fds[j].revents != 0;
+      }
+    }
+    collect(ready);
   }
 
-  void collect(const std::vector<pollfd>& fds, bool ready) {
+  // Takes the results of the workers with news; the others wait until
+  // their probe limit.
+  void collect(const std::vector<bool>& ready) {
     const Clock::time_point now = Clock::now();
     std::vector<Worker> still;
     for (std::size_t i = 0; i < running_.size(); ++i) {
       Worker& w = running_[i];
       NodeStatus& node = s_.nodes[w.node];
-      if (ready && fds[i].revents != 0) {
-        ProbeResult r{};
-        if (readAll(w.result, &r, sizeof r)) {
-          settle(node, r);
-          keepIdle(w, maxWorkers_, ended_);
-        } else {
-          giveUp(node, "the probe ended without a result", limit_);
-          dropWorker(w, ended_);
-        }
+      // Once a worker has ended, collect() has reaped it.
+      const bool ended = ready[i] && w.child->collect();
+      ProbeResult r{};
+      if (w.child->take(&r, sizeof r)) {
+        settle(node, r);
+        if (!ended) keepIdle(w, maxWorkers_, ended_);
+      } else if (ended) {
+        giveUp(node, "the probe ended without a result", limit_);
       } else if (now >= w.end) {
         giveUp(node, "no answer within " + secondsText(limit_) + " s", limit_);
         dropWorker(w, ended_);
       } else {
-        still.push_back(w);
+        still.push_back(std::move(w));
       }
     }
     running_.swap(still);
@@ -441,7 +418,7 @@ class ProbeRound {
   const unsigned maxWorkers_;
   Deadline& deadline_;
   std::vector<Worker> running_;
-  std::vector<pid_t> ended_;
+  std::vector<std::unique_ptr<ChildProcess>> ended_;
   std::size_t next_ = 0;
 };
 

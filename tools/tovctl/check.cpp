@@ -8,7 +8,10 @@
 #include <cstdlib>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "codes.h"
 #include "common/text.h"
@@ -19,8 +22,27 @@ namespace tovctl {
 
 namespace {
 
-// A check speaks to a monitoring system, not to a person: every way it can
-// end is output on standard output and a status of 0 to 3.
+// A threshold in the Monitoring Plugins range syntax: "10" (alert outside
+// 0..10), "10:" (below 10), "~:10" (above 10), "10:20", "@10:20" (alert
+// inside), "~:" (never).
+struct CheckRange {
+  std::string text;
+  bool inside = false;
+  double low = 0;
+  double high = 0;
+  static bool parse(const std::string& text, CheckRange& out, std::string& why);
+  bool alerts(double value) const;
+};
+
+// The check's command line as read, before it is checked.
+struct CheckArgs {
+  std::string warning;              // SILENT[,DOWN[,BROKEN]]
+  std::string critical;             // the same
+  std::vector<std::string> ignore;  // --ignore-service, as given
+  bool autoOnly = false;
+  int verbose = 0;  // -v repeated, or --verbose=N
+};
+
 constexpr int kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3;
 const char* const kStateWords[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
 constexpr int kMaxVerbose = 3;
@@ -378,8 +400,6 @@ std::string checkOptionsOf(const CheckArgs& a, CheckOptions& c) {
   return "";
 }
 
-}  // namespace
-
 bool CheckRange::parse(const std::string& given, CheckRange& r,
                        std::string& why) {
   r = CheckRange{};
@@ -433,6 +453,8 @@ bool CheckRange::alerts(double v) const {
   return inside ? within : !within;
 }
 
+// "TOVCLUSTER UNKNOWN - <message>" on standard output, its first line only;
+// returns 3.
 int checkUnknown(const std::string& message) {
   std::string text = message;
   if (text.rfind("tovctl: ", 0) == 0) text.erase(0, 8);
@@ -442,9 +464,10 @@ int checkUnknown(const std::string& message) {
   return verdict(kUnknown, text, "", {});
 }
 
-int runCheck(Options& o, bool deadlineGiven, const CheckArgs& args) {
+// The check as the command line gives it.
+int runCheck(Options& o, const CheckArgs& args) {
   o.json = false;
-  if (!deadlineGiven) o.deadline = 10;
+  if (o.given.count("--deadline") == 0) o.deadline = 10;
   try {
     std::string refused;
     {
@@ -467,8 +490,6 @@ int runCheck(Options& o, bool deadlineGiven, const CheckArgs& args) {
   }
 }
 
-namespace {
-
 const char* const kCheckFooter =
     "\nRanges (Monitoring Plugins syntax): N alerts outside 0..N, N: below "
     "N,\n~:N above N, M:N outside M..N, @M:N inside M..N, ~: never.\n"
@@ -488,36 +509,38 @@ const char* const kCheckFooter =
 
 }  // namespace
 
-CLI::App* addCheck(CLI::App& app, CheckArgs& args) {
-  CLI::App* check = app.add_subcommand(
-      "check", "a check for monitoring systems (status 0 OK to 3 UNKNOWN)");
+void addCheckCommand(CommandTable& table) {
+  auto args = std::make_shared<CheckArgs>();
+  CLI::App* check = table.addOwn(
+      "check", "a check for monitoring systems (status 0 OK to 3 UNKNOWN)",
+      [args, &o = table.o] { return runCheck(o, *args); },
+      [](const std::string& why) { return checkUnknown("usage: " + why); });
   // A subcommand starts with its parent's footer: tovctl's exit statuses.
   check->footer(kCheckFooter);
   check
-      ->add_option("-w,--warning", args.warning,
+      ->add_option("-w,--warning", args->warning,
                    "WARNING outside these ranges of silent nodes, services "
                    "not running and services broken (default 0,0,0)")
       ->type_name("SILENT[,DOWN[,BROKEN]]");
   check
-      ->add_option("-c,--critical", args.critical,
+      ->add_option("-c,--critical", args->critical,
                    "CRITICAL outside these ranges (default ,,0: any broken "
                    "service; ,,~: never)")
       ->type_name("SILENT[,DOWN[,BROKEN]]");
   check
-      ->add_option("--ignore-service", args.ignore,
+      ->add_option("--ignore-service", args->ignore,
                    "leave this service out of the verdict and the service "
                    "counts: a name, a number or a shell pattern such as "
                    "'mail*'; repeatable")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  check->add_flag("--auto-only", args.autoOnly,
+  check->add_flag("--auto-only", args->autoOnly,
                   "judge only services in automatic mode; the others count "
                   "as ignored");
-  check->add_flag("-v,--verbose", args.verbose,
+  check->add_flag("-v,--verbose", args->verbose,
                   "-v names what is wrong on the status line, -vv adds the "
                   "thresholds, entry nodes, ignored services and deadline, "
                   "-vvv every node and service; or --verbose=N (0-3)");
-  return check;
 }
 
 }  // namespace tovctl

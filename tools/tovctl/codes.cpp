@@ -24,6 +24,14 @@ namespace tovctl {
 namespace {
 
 constexpr int kCodeCount = static_cast<int>(tov1::TOV_ERR_COUNT);
+// The one code the library leaves unassigned: it has no name, and since no
+// call reports it, a result that carries it is unexpected.
+constexpr int kReservedCode = 56;
+
+// The name as the listings show it: "-" for the reserved code.
+std::string listedName(int code) {
+  return code == kReservedCode ? "-" : codeName(code);
+}
 
 // "tovctl: " in the library's error colour when colour is on.
 std::string prefix() { return tov1::tovDebug.getTraceStr('E', "tovctl"); }
@@ -136,8 +144,8 @@ nlohmann::json codeJson(int code) {
     return {{"code", nullptr}, {"name", nullptr}, {"text", nullptr}};
   }
   return {{"code", code},
-          {"name", code == 56 ? nlohmann::json(nullptr)
-                              : nlohmann::json(codeName(code))},
+          {"name", code == kReservedCode ? nlohmann::json(nullptr)
+                                         : nlohmann::json(codeName(code))},
           {"text", codeText(code)}};
 }
 
@@ -159,7 +167,7 @@ int codeOf(int result) {
 int exitStatusFor(int result) {
   const int code = codeOf(result);
   if (code == 0) return kExitOk;
-  if (code > 0 && code < kCodeCount && code != 56) return code;
+  if (code > 0 && code < kCodeCount && code != kReservedCode) return code;
   return kExitUnexpected;
 }
 
@@ -265,7 +273,8 @@ int listCodes(bool json, const std::string& which) {
   if (!which.empty()) {
     int code = -1;
     for (int c = 0; c < kCodeCount && code < 0; ++c) {
-      if (which == std::to_string(c) || (c != 56 && which == codeName(c))) {
+      if (which == std::to_string(c) ||
+          (c != kReservedCode && which == codeName(c))) {
         code = c;
       }
     }
@@ -282,8 +291,8 @@ int listCodes(bool json, const std::string& which) {
       std::cout << tovtools::jsonText(out) << std::endl;
       return kExitOk;
     }
-    std::cout << code << "  " << (code == 56 ? "-" : codeName(code)) << "  "
-              << codeText(code) << '\n';
+    std::cout << code << "  " << listedName(code) << "  " << codeText(code)
+              << '\n';
     if (hint != advice().end()) std::cout << hint->second << '\n';
     std::cout << "tovctl exits with status " << exitStatusFor(code)
               << " when the library reports this code." << std::endl;
@@ -305,7 +314,7 @@ int listCodes(bool json, const std::string& which) {
   }
   std::cout << "CODE  NAME                      TEXT\n";
   for (int c = 0; c < kCodeCount; ++c) {
-    const std::string name = c == 56 ? "-" : codeName(c);
+    const std::string name = listedName(c);
     std::cout << std::setw(4) << c << "  " << std::left << std::setw(24) << name
               << "  " << codeText(c) << std::right << '\n';
   }

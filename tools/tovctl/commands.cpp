@@ -2,11 +2,14 @@
 
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "codes.h"
+#include "common/cli.h"
 #include "common/text.h"
 #include "report.h"
 #include "tovapi/libtovapi.h"
@@ -121,33 +124,34 @@ namespace {
 //
 // The library is given one attempt at a time and the tool repeats it: a
 // busy reply is then seen as such (the library reports a busy daemon's last
-// attempt as "no response"), and a deadline that ends the library's wait
-// after a busy reply is told apart from one that ends an exchange.
+// attempt as "no response", after waiting the poll time itself), and a
+// deadline that ends the library's wait after a busy reply is told apart
+// from one that ends an exchange.
 std::string sendServiceCommand(Session& s, const std::string& letters,
                                unsigned service, const std::string& suffix,
                                const std::string& what) {
   const std::vector<std::string> auth = s.authVector();
   const unsigned attempts = s.options().attempts;
-  int rc = 0;
   std::string echoed;
-  for (unsigned attempt = 0; attempt < attempts; ++attempt) {
-    {
-      // The echo of the log command is caught; the report of a deadline
-      // must not be.
-      StreamCapture out(std::cout, true);
-      rc = withinDeadline([&] {
-        return tov1::tovNet.serviceCommand(s.host(), s.port(), letters, auth,
-                                           service, 1, suffix);
+  const int rc =
+      s.retryWhileBusy(attempts, BusyWait::InCall, what, [&](bool& busy) {
+        int result = 0;
+        {
+          // The echo of the log command is caught; the report of a deadline
+          // must not be.
+          StreamCapture out(std::cout, true);
+          result = withinDeadline([&] {
+            return tov1::tovNet.serviceCommand(s.host(), s.port(), letters,
+                                               auth, service, 1, suffix);
+          });
+          echoed = out.text();
+        }
+        checkDeadline(what, s.label(), result);
+        busy = codeOf(result) == tov1::TOV_COMMS_NORESPONSE;
+        return result;
       });
-      echoed = out.text();
-    }
-    checkDeadline(what, s.label(), rc);
-    if (codeOf(rc) != tov1::TOV_COMMS_NORESPONSE) break;
-  }
-  if (codeOf(rc) == tov1::TOV_COMMS_NORESPONSE) {
-    failWith(
-        what, -static_cast<int>(tov1::TOV_COMMS_BUSY),
-        "still busy after " + std::to_string(attempts) + " attempt(s) (-a N)");
+  if (codeOf(rc) == tov1::TOV_COMMS_BUSY) {
+    failWith(what, rc, stillBusy(attempts));
   }
   if (rc != 0) {
     // The daemon refuses a missing or wrong authentication with its plain
@@ -295,9 +299,7 @@ Reply serviceData(Session& s, char letter, const std::string& service,
   Reply reply;
   const int rc = s.request(line, auth, s.options().attempts, reply, what);
   if (codeOf(rc) == tov1::TOV_COMMS_BUSY) {
-    failWith(what, rc,
-             "still busy after " + std::to_string(s.options().attempts) +
-                 " attempt(s) (-a N)");
+    failWith(what, rc, stillBusy(s.options().attempts));
   }
   if (rc != 0) failWith(what, rc, daemonSays(reply));
   return reply;
@@ -453,6 +455,132 @@ int cmdSend(const Options& o, const std::string& line) {
   }
   if (o.json) printJson(result);
   return kExitOk;
+}
+
+namespace {
+
+// Damerau-Levenshtein distance of two short words.
+std::size_t distance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<std::size_t>> d(
+      a.size() + 1, std::vector<std::size_t>(b.size() + 1, 0));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
+      d[i][j] =
+          std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+std::vector<std::string> commandNames(const CLI::App& app) {
+  std::vector<std::string> names;
+  for (const CLI::App* sub : app.get_subcommands({})) {
+    names.push_back(sub->get_name());
+  }
+  return names;
+}
+
+// The first word of the command line that is neither an option nor an
+// option's value: the command the user meant.
+std::string commandWord(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--") return i + 1 < argc ? argv[i + 1] : "";
+    if (arg.size() < 2 || arg[0] != '-') return arg;
+    if (arg.find('=') != std::string::npos) continue;
+    const CLI::Option* opt = app.get_option_no_throw(arg);
+    if (opt != nullptr && opt->get_expected_min() > 0) ++i;
+  }
+  return "";
+}
+
+}  // namespace
+
+CLI::App* CommandTable::add(const std::string& name, const std::string& help,
+                            std::function<int()> run) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  entries_.push_back({sub, std::move(run), false, nullptr});
+  return sub;
+}
+
+CLI::App* CommandTable::addOwn(
+    const std::string& name, const std::string& help, std::function<int()> run,
+    std::function<int(const std::string& why)> refused) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  entries_.push_back({sub, std::move(run), true, std::move(refused)});
+  return sub;
+}
+
+std::string CommandTable::unknownCommand(const std::string& word) const {
+  std::string best;
+  std::size_t bestDistance = 3;  // further away is no longer a typo
+  for (const std::string& name : commandNames(app)) {
+    const std::size_t d = distance(word, name);
+    const bool prefix =
+        word.size() >= 3 && name.compare(0, word.size(), word) == 0;
+    if (d < bestDistance || (prefix && best.empty())) {
+      best = name;
+      bestDistance = prefix ? 0 : d;
+    }
+  }
+  std::string text = "unknown command \"" + word + "\"";
+  if (!best.empty()) text += "; did you mean \"" + best + "\"?";
+  return text + " (see tovctl help)";
+}
+
+int CommandTable::refuse(const CLI::ParseError& e, int argc,
+                         char** argv) const {
+  const std::string word = commandWord(app, argc, argv);
+  for (const Entry& c : entries_) {
+    if (c.refused && c.command->get_name() == word) {
+      return c.refused(tovtools::parseErrorText(e));
+    }
+  }
+  // The options were not all read: --json counts as given anyway.
+  setJsonOutput(std::find_if(argv + 1, argv + argc, [](const char* a) {
+                  return std::string(a) == "--json";
+                }) != argv + argc);
+  setTarget("", 0);
+  bool known = false;
+  for (const Entry& c : entries_) known = known || c.command->parsed();
+  if (!known && !word.empty()) {
+    const std::vector<std::string> names = commandNames(app);
+    if (std::find(names.begin(), names.end(), word) == names.end()) {
+      return reportUsage(unknownCommand(word));
+    }
+  }
+  return reportUsage(
+      tovtools::usageText("tovctl", tovtools::parseErrorText(e)));
+}
+
+// The usual way also reports out of memory and any other exception in one
+// line (and one JSON document), wherever they come from.
+int CommandTable::runChosen() const {
+  const Entry* chosen = nullptr;
+  for (const Entry& c : entries_) {
+    if (chosen == nullptr && c.command->parsed()) chosen = &c;
+  }
+  if (chosen != nullptr && chosen->own) return chosen->run();
+  try {
+    if (chosen != nullptr) {
+      setActivity("the " + chosen->command->get_name() + " command");
+    }
+    applyGlobals(o);
+    if (chosen != nullptr) return chosen->run();
+    return reportUsage(tovtools::usageText("tovctl", "no command given"));
+  } catch (const ExitNow& e) {
+    return e.status;
+  } catch (const std::exception& e) {
+    return reportException(&e);
+  } catch (...) {
+    return reportException(nullptr);
+  }
 }
 
 }  // namespace tovctl

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -27,6 +26,7 @@
 
 namespace {
 
+using tovctl::CommandTable;
 using tovctl::Options;
 using tovctl::ServiceAction;
 using tovtools::secondsIn;
@@ -73,65 +73,6 @@ const std::vector<ServiceAction>& daemonActions() {
   return actions;
 }
 
-// Damerau-Levenshtein distance of two short words.
-std::size_t distance(const std::string& a, const std::string& b) {
-  std::vector<std::vector<std::size_t>> d(
-      a.size() + 1, std::vector<std::size_t>(b.size() + 1, 0));
-  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
-  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
-      d[i][j] =
-          std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
-      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
-        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
-      }
-    }
-  }
-  return d[a.size()][b.size()];
-}
-
-std::vector<std::string> commandNames(const CLI::App& app) {
-  std::vector<std::string> names;
-  for (const CLI::App* sub : app.get_subcommands({})) {
-    names.push_back(sub->get_name());
-  }
-  return names;
-}
-
-// "unknown command "bouce"; did you mean "bounce"?"
-std::string unknownCommand(const CLI::App& app, const std::string& word) {
-  std::string best;
-  std::size_t bestDistance = 3;  // further away is no longer a typo
-  for (const std::string& name : commandNames(app)) {
-    const std::size_t d = distance(word, name);
-    const bool prefix =
-        word.size() >= 3 && name.compare(0, word.size(), word) == 0;
-    if (d < bestDistance || (prefix && best.empty())) {
-      best = name;
-      bestDistance = prefix ? 0 : d;
-    }
-  }
-  std::string text = "unknown command \"" + word + "\"";
-  if (!best.empty()) text += "; did you mean \"" + best + "\"?";
-  return text + " (see tovctl help)";
-}
-
-// The first word of the command line that is neither an option nor an
-// option's value: the command the user meant.
-std::string commandWord(const CLI::App& app, int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--") return i + 1 < argc ? argv[i + 1] : "";
-    if (arg.size() < 2 || arg[0] != '-') return arg;
-    if (arg.find('=') != std::string::npos) continue;
-    const CLI::Option* opt = app.get_option_no_throw(arg);
-    if (opt != nullptr && opt->get_expected_min() > 0) ++i;
-  }
-  return "";
-}
-
 // What the command line itself set wins over the clusters file.
 void noteGiven(const CLI::App& app, Options& o) {
   for (const char* name : {"--host", "--port", "--timeout", "--deadline",
@@ -139,35 +80,6 @@ void noteGiven(const CLI::App& app, Options& o) {
     if (app.get_option(name)->count() > 0) o.given.insert(name);
   }
 }
-
-// The commands and what runs each: every command registers its arguments
-// (kept alive by its handler) and its handler here.
-class Registry {
- public:
-  Registry(CLI::App& app, Options& o) : app(app), o(o) {}
-  CLI::App& app;
-  Options& o;
-
-  CLI::App* add(const std::string& name, const std::string& help,
-                std::function<int()> run) {
-    CLI::App* sub = app.add_subcommand(name, help);
-    handlers_.emplace_back(sub, std::move(run));
-    return sub;
-  }
-  // The command given and its handler; null when there is none.
-  const CLI::App* chosen(std::function<int()>& handler) const {
-    for (const auto& h : handlers_) {
-      if (h.first->parsed()) {
-        handler = h.second;
-        return h.first;
-      }
-    }
-    return nullptr;
-  }
-
- private:
-  std::vector<std::pair<CLI::App*, std::function<int()>>> handlers_;
-};
 
 void addMoreGlobalOptions(CLI::App& app, Options& o) {
   app.add_flag("--json", o.json,
@@ -233,7 +145,7 @@ void addGlobalOptions(CLI::App& app, Options& o) {
 }
 
 // Discovery and addresses.
-void addAddressCommands(Registry& r) {
+void addAddressCommands(CommandTable& r) {
   struct Discover {
     std::string host;
     bool bootstrap = false, clusters = false, raw = false;
@@ -280,7 +192,7 @@ void addAddressCommands(Registry& r) {
 }
 
 // Service requests: one service argument each, by number or name.
-void addServiceCommands(Registry& r) {
+void addServiceCommands(CommandTable& r) {
   for (const ServiceAction& a : serviceActions()) {
     auto service = std::make_shared<std::string>();
     r.add(a.name, a.help,
@@ -325,7 +237,7 @@ void addServiceCommands(Registry& r) {
 }
 
 // Requests that return data; one service argument each.
-void addDataCommands(Registry& r) {
+void addDataCommands(CommandTable& r) {
   struct Data {
     const char* name;
     const char* help;
@@ -366,7 +278,7 @@ void addDataCommands(Registry& r) {
 }
 
 // A raw request, and the codes.
-void addRawCommands(Registry& r) {
+void addRawCommands(CommandTable& r) {
   auto line = std::make_shared<std::string>();
   r.add("send", "send one raw request line (once) and print the reply",
         [line, &o = r.o] { return tovctl::cmdSend(o, *line); })
@@ -380,7 +292,7 @@ void addRawCommands(Registry& r) {
       ->type_name("CODE");
 }
 
-void addStatusCommand(Registry& r) {
+void addStatusCommand(CommandTable& r) {
   auto st = std::make_shared<tovctl::StatusOptions>();
   auto* status =
       r.add("status", "the whole cluster at a glance: nodes, services, summary",
@@ -419,10 +331,11 @@ void addStatusCommand(Registry& r) {
       ->allow_extra_args(false);
 }
 
-void addHelpCommand(Registry& r) {
+void addHelpCommand(CommandTable& r) {
   auto topic = std::make_shared<std::string>();
   r.add("help", "show this help, or a command's",
-        [topic, &app = r.app] {
+        [topic, &r] {
+          CLI::App& app = r.app;
           if (topic->empty()) {
             // App::help() would describe the command just parsed: this one.
             std::cout << app.get_formatter()->make_help(
@@ -433,63 +346,13 @@ void addHelpCommand(Registry& r) {
           try {
             sub = app.get_subcommand(*topic);
           } catch (const CLI::OptionNotFound&) {
-            tovctl::usageError(unknownCommand(app, *topic));
+            tovctl::usageError(r.unknownCommand(*topic));
           }
           std::cout << sub->help();
           return tovctl::kExitOk;
         })
       ->add_option("command", *topic, "a command")
       ->type_name("COMMAND");
-}
-
-// A command line that CLI11 refused: one usage line (or, for check, its
-// UNKNOWN line), naming the command meant when it is unknown.
-int refused(const CLI::App& app, const CLI::ParseError& e, int argc,
-            char** argv) {
-  if (commandWord(app, argc, argv) == "check") {
-    return tovctl::checkUnknown("usage: " + tovtools::parseErrorText(e));
-  }
-  // The options were not all read: --json counts as given anyway.
-  tovctl::setJsonOutput(std::find_if(argv + 1, argv + argc, [](const char* a) {
-                          return std::string(a) == "--json";
-                        }) != argv + argc);
-  tovctl::setTarget("", 0);
-  bool known = false;
-  for (const CLI::App* sub : app.get_subcommands({})) {
-    known = known || sub->parsed();
-  }
-  const std::string word = commandWord(app, argc, argv);
-  if (!known && !word.empty()) {
-    const std::vector<std::string> names = commandNames(app);
-    if (std::find(names.begin(), names.end(), word) == names.end()) {
-      return tovctl::reportUsage(unknownCommand(app, word));
-    }
-  }
-  return tovctl::reportUsage(
-      tovtools::usageText("tovctl", tovtools::parseErrorText(e)));
-}
-
-// Runs the command given, its failures reported as the tool reports them:
-// out of memory and any other exception too, in one line (and one JSON
-// document), wherever they come from.
-int run(const Registry& r) {
-  try {
-    std::function<int()> handler;
-    const CLI::App* command = r.chosen(handler);
-    if (command != nullptr) {
-      tovctl::setActivity("the " + command->get_name() + " command");
-    }
-    tovctl::applyGlobals(r.o);
-    if (handler) return handler();
-    return tovctl::reportUsage(
-        tovtools::usageText("tovctl", "no command given"));
-  } catch (const tovctl::ExitNow& e) {
-    return e.status;
-  } catch (const std::exception& e) {
-    return tovctl::reportException(&e);
-  } catch (...) {
-    return tovctl::reportException(nullptr);
-  }
 }
 
 }  // namespace
@@ -504,13 +367,12 @@ int main(int argc, char** argv) {
   app.fallthrough();
   addGlobalOptions(app, o);
 
-  Registry r(app, o);
+  CommandTable r(app, o);
   addAddressCommands(r);
   addServiceCommands(r);
   addDataCommands(r);
   addStatusCommand(r);
-  tovctl::CheckArgs checkArgs;
-  CLI::App* check = tovctl::addCheck(app, checkArgs);
+  tovctl::addCheckCommand(r);
   addRawCommands(r);
   addHelpCommand(r);
   app.require_subcommand(1);
@@ -519,13 +381,8 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
-    return refused(app, e, argc, argv);
+    return r.refuse(e, argc, argv);
   }
   noteGiven(app, o);
-  // A check ends in 0-3 whatever happens, its global options included.
-  if (check->parsed()) {
-    return tovctl::runCheck(o, app.get_option("--deadline")->count() > 0,
-                            checkArgs);
-  }
-  return run(r);
+  return r.runChosen();
 }

@@ -404,10 +404,41 @@ std::vector<std::string> Session::authVector() {
   return auth_;
 }
 
+int Session::retryWhileBusy(unsigned attempts, BusyWait wait,
+                            const std::string& what,
+                            const std::function<int(bool&)>& attempt) {
+  for (unsigned n = 1; n <= attempts; ++n) {
+    bool busy = false;
+    const int rc = attempt(busy);
+    if (!busy) return rc;
+    if (wait == BusyWait::InCall || n == attempts) continue;
+    // The poll time comes from the cache, which keeps it within reason.
+    int seconds = 0;
+    bounded(what, label(), [&] {
+      seconds = tov1::tovCache.getPollTime(host_);
+      return 0;
+    });
+    if (seconds > 0) {
+      // A deadline that ends the wait reads as the wait for a retry.
+      bounded(what, label(), [&] {
+        sleep(static_cast<unsigned>(seconds));
+        return deadline().expired()
+                   ? -static_cast<int>(tov1::TOV_COMMS_NORESPONSE)
+                   : 0;
+      });
+    }
+  }
+  return -static_cast<int>(tov1::TOV_COMMS_BUSY);
+}
+
+std::string stillBusy(unsigned attempts) {
+  return "still busy after " + std::to_string(attempts) + " attempt(s) (-a N)";
+}
+
 int Session::request(const std::string& line,
                      const std::vector<std::string>& auth, unsigned attempts,
                      Reply& reply, const std::string& what) {
-  for (unsigned attempt = 0; attempt < attempts; ++attempt) {
+  return retryWhileBusy(attempts, BusyWait::Tool, what, [&](bool& busy) {
     char* buffer = nullptr;
     const int rc = firstAnswering(what, HandOver::BeforeSending, [&] {
       return tov1::tovNet.tovcomms(buffer, host_, port_, line, auth, "");
@@ -416,25 +447,9 @@ int Session::request(const std::string& line,
     delete[] buffer;
     if (rc != 0) return rc;
     reply = parseReply(text);
-    if (reply.letter != static_cast<char>(rep_busy)) return reply.status;
-    if (attempt + 1 < attempts) {
-      // The poll time comes from the cache, which keeps it within reason.
-      int wait = 0;
-      bounded(what, label(), [&] {
-        wait = tov1::tovCache.getPollTime(host_);
-        return 0;
-      });
-      if (wait > 0) {
-        bounded(what, label(), [&] {
-          sleep(static_cast<unsigned>(wait));
-          return deadline().expired()
-                     ? -static_cast<int>(tov1::TOV_COMMS_NORESPONSE)
-                     : 0;
-        });
-      }
-    }
-  }
-  return -static_cast<int>(tov1::TOV_COMMS_BUSY);
+    busy = reply.letter == static_cast<char>(rep_busy);
+    return reply.status;
+  });
 }
 
 Reply parseReply(const std::string& text) {

@@ -142,6 +142,13 @@ struct Reply {
   int status = 0;                  // what the reply decoder makes of it
 };
 
+// Who waits the daemon's poll time after a busy reply.
+enum class BusyWait {
+  Tool,    // the tool, between its attempts
+  InCall,  // the call itself (the library's service command), also after
+           // its last attempt
+};
+
 // Which failures of an entry node hand the command over to the next one.
 enum class HandOver {
   // Any failure: the request only reads, asking again elsewhere is safe.
@@ -203,6 +210,15 @@ class Session {
   // their first request, so that typing does not eat into the deadline.
   std::vector<std::string> authVector();
 
+  // The tool's one busy retry: `attempt` sends once and returns the
+  // result, with `busy` set when the daemon answered busy; it is sent again
+  // while the daemon does, `attempts` times at most, the poll time waited
+  // in between as `wait` says, within the deadline (`what` names the
+  // command for its line). Returns the last result; a daemon still busy
+  // after the last attempt gives TOV_COMMS_BUSY (stillBusy() says so).
+  int retryWhileBusy(unsigned attempts, BusyWait wait, const std::string& what,
+                     const std::function<int(bool& busy)>& attempt);
+
   // One request line, retried while the daemon answers busy, as the
   // library's service commands do. Returns 0 or a library result; a daemon
   // still busy after the last attempt gives TOV_COMMS_BUSY.
@@ -223,6 +239,10 @@ class Session {
 };
 
 Reply parseReply(const std::string& text);
+
+// The detail of a failure whose daemon stayed busy:
+// "still busy after 3 attempt(s) (-a N)".
+std::string stillBusy(unsigned attempts);
 
 // host:port, with brackets around an IPv6 address.
 std::string hostPortLabel(const std::string& host, const std::string& port);
