@@ -2,14 +2,22 @@
 # Fault injection: does the suite notice when the code is wrong?
 #
 # Each fault of scripts/mutants.list (a flipped comparison, a dropped call, a
-# changed constant, an early return) is put into a private copy of the tree,
+# changed constant, an early return), or of a random draw (-s), is put into
+# a private copy of the tree,
 # the copy is rebuilt, and the whole suite runs against it until the first
 # test fails. A fault is "caught" when a test fails and fails twice more on
 # its own, "missed" when the suite stays green, "unbuilt" when the fault does
 # not compile. A test that fails once and then passes is flaky: it is noted in
 # RESULTS.flaky and the suite goes on without it.
 #
-#   scripts/mutants.sh [-o RESULTS] [-r REVISION] [ID-REGEX]
+#   scripts/mutants.sh [-o RESULTS] [-r REVISION] [-s SEED [-n COUNT]]
+#                      [ID-REGEX]
+#
+# -s draws COUNT faults (default 60) at random over every product source
+# (library, tovctl, tools/common, tovexporter), with SEED, instead of taking
+# the list: faults nobody chose. The drawn list is kept in RESULTS.list. A
+# fault that the plain suite misses is then tried against the sanitizer
+# suite too ("caught-san"; a leak counts).
 #
 # -r takes the tree of a commit instead of the working tree, so that the
 # suite as it stood can be measured beside the suite as it stands; the faults
@@ -25,12 +33,17 @@ root=$PWD
 work=$root/build-mutants
 results=$work/results.txt
 revision=""
-while getopts "o:r:" opt; do
+seed=""
+count=60
+while getopts "o:r:s:n:" opt; do
   case $opt in
     o) results=$(realpath -m "$OPTARG") ;;
     r) revision=$OPTARG ;;
+    s) seed=$OPTARG ;;
+    n) count=$OPTARG ;;
     *)
-      echo "usage: $0 [-o RESULTS] [-r REVISION] [ID-REGEX]" >&2
+      echo "usage: $0 [-o RESULTS] [-r REVISION] [-s SEED [-n COUNT]]" \
+        "[ID-REGEX]" >&2
       exit 2
       ;;
   esac
@@ -42,8 +55,7 @@ bld=$work/build
 jobs=${JOBS:-2}
 tool="python3 $root/scripts/mutants_tool.py"
 
-mkdir -p "$work"
-cp scripts/mutants.list "$work/mutants.list"
+mkdir -p "$work" "$(dirname "$results")"
 stage=$work/stage
 rm -rf "$stage"
 mkdir -p "$stage"
@@ -55,24 +67,63 @@ else
 fi
 $tool sync "$stage" "$src"
 rm -rf "$stage"
+if [[ -n $seed ]]; then
+  (cd "$src" && $tool draw "$seed" "$count" . \
+    $(ls tovapi/*.cpp tools/tovctl/*.cpp tools/common/*.cpp \
+      tools/tovexporter/*.cpp)) >"$results.list"
+else
+  cp scripts/mutants.list "$results.list"
+fi
 
 cmake -S "$src" -B "$bld" -G Ninja >"$work/configure.log"
 cmake --build "$bld" -j "$jobs" >"$work/build.log"
 
 # Names of the tests that failed, one per line, from a ctest log.
 failed_tests() {
-  sed -n 's/^[[:space:]]*[0-9]* - \(.*\) ([^()]*)$/\1/p' "$1"
+  sed -n '/^The following tests FAILED:/,/^$/s/^[[:space:]]*[0-9]* - \(.*\) ([^()]*)$/\1/p' "$1"
 }
 
-# Runs one test by its exact name; true when it passes.
+# The sanitizer suite against the copy as it stands; true when it passes.
+san=$work/build-san
+san_passes() {
+  if [[ ! -f $san/CMakeCache.txt ]]; then
+    CXX=clang++ cmake -S "$src" -B "$san" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+      -DTOVAPI_SANITIZE=ON >"$work/configure-san.log"
+  fi
+  cmake --build "$san" -j "$jobs" >"$1" 2>&1 || return 0
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    LSAN_OPTIONS=suppressions=$src/tests/lsan.supp:print_suppressions=0 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir "$san" -j "$jobs" --timeout 120 --stop-on-failure \
+    >>"$1" 2>&1
+}
+
+# Runs one test by its exact name (in the build given second, the plain
+# one by default); true when it passes.
 passes() {
-  ctest --test-dir "$bld" --timeout 60 -R "$($tool regex "$1")" \
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    LSAN_OPTIONS=suppressions=$src/tests/lsan.supp:print_suppressions=0 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    ctest --test-dir "${2:-$bld}" --timeout 120 -R "$($tool regex "$1")" \
     >/dev/null 2>&1
+}
+
+# The failures of a sanitizer run that fail twice more on their own.
+san_confirmed() {
+  local name
+  while read -r name; do
+    [[ -z $name ]] && continue
+    if ! passes "$name" "$san" && ! passes "$name" "$san"; then
+      echo "$name"
+    else
+      echo "$id (sanitizers): $name" >>"$results.flaky"
+    fi
+  done < <(failed_tests "$1") | paste -sd '|'
 }
 
 : >"$results"
 : >"$results.flaky"
-caught=0 missed=0 unbuilt=0 total=0
+caught=0 missed=0 unbuilt=0 total=0 sancaught=0
 started=$(date +%s)
 while IFS=$'\t' read -r id file from to; do
   [[ -z $id || $id == \#* ]] && continue
@@ -111,11 +162,18 @@ while IFS=$'\t' read -r id file from to; do
     missed) missed=$((missed + 1)) ;;
     unbuilt) unbuilt=$((unbuilt + 1)) ;;
   esac
+  if [[ $verdict == missed ]] && ! san_passes "$log.san"; then
+    tests=$(san_confirmed "$log.san")
+    if [[ -n $tests ]]; then
+      verdict=caught-san missed=$((missed - 1)) sancaught=$((sancaught + 1))
+    fi
+  fi
   $tool swap "$src/$file" "$to" "$from"
   printf '%-22s %-7s %s\n' "$id" "$verdict" "$tests" | tee -a "$results"
-done <"$work/mutants.list"
+done <"$results.list"
 
 minutes=$((($(date +%s) - started + 59) / 60))
-echo "caught $caught of $total faults; missed $missed; unbuilt $unbuilt;" \
+echo "caught $caught of $total faults (and $sancaught more by the" \
+  "sanitizers); missed $missed; unbuilt $unbuilt;" \
   "$(wc -l <"$results.flaky") flaky failures set aside; $minutes min" |
   tee -a "$results"

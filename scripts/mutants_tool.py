@@ -5,8 +5,13 @@
                      those whose bytes differ (so a rebuild stays small)
   swap FILE OLD NEW  replace OLD by NEW in FILE; OLD must stand there once
   regex NAME         an anchored regular expression matching NAME exactly
+  draw SEED COUNT ROOT FILE...
+                     COUNT faults drawn at random (seeded) over the sites of
+                     the given sources, printed in the format of
+                     mutants.list
 """
 import filecmp
+import random
 import os
 import re
 import shutil
@@ -41,12 +46,95 @@ def swap(path, old, new):
         f.write(text.replace(old, new))
 
 
+# Small faults of the kinds a slip of the hand makes. Each is tried at every
+# place on a line where its pattern stands; one place is one site.
+OPERATORS = [
+    ("cmp-lt", r"(?<![<\w:])\s<\s(?![<=])", " <= "),
+    ("cmp-le", r"\s<=\s", " < "),
+    ("cmp-gt", r"(?<![->])\s>\s(?![>=])", " >= "),
+    ("cmp-ge", r"\s>=\s", " > "),
+    ("cmp-eq", r"\s==\s", " != "),
+    ("cmp-ne", r"\s!=\s", " == "),
+    ("and-or", r"\s&&\s", " || "),
+    ("or-and", r"\s\|\|\s", " && "),
+    ("plus-minus", r"(?<=\w|\))\s\+\s(?=\w|\()", " - "),
+    ("minus-plus", r"(?<=\w|\))\s-\s(?=\w|\()", " + "),
+    ("const", r"(?<![\w.])([0-9]+)(?![\w.'])", None),
+    ("bool", r"\b(true|false)\b", None),
+    ("negate-if", r"\bif \((.*)\)( \{|)$", None),
+]
+# A statement that is one call: deleting it must still compile.
+CALL = re.compile(r"^(\s*)(?!return\b|delete\b|throw\b|case\b)[\w:.>\-\[\]*]+(<[^;]*>)?\(.*\);$")
+SKIP = re.compile(r"^\s*(#|//|\*|/\*)|static_assert|TOVSIM|\bconstexpr\b.*\[\]")
+
+
+def replacement(name, match):
+    if name == "const":
+        return str(int(match.group(1)) + 1)
+    if name == "bool":
+        return "false" if match.group(1) == "true" else "true"
+    if name == "negate-if":
+        return "if (!(" + match.group(1) + "))" + match.group(2)
+    return None
+
+
+STRING = re.compile(r'"(?:[^"\\\\]|\\\\.)*"|\'(?:[^\'\\\\]|\\\\.)*\'')
+ARRAY = re.compile(r"\b(?:int|char|bool|double|long|size_t|uint8_t)\s*(?:\(&\w+\)|\w+)\[\d+\]")
+STARTS = (";", "{", "}", ":")
+
+
+def quoted(line):
+    """Character positions inside string or character literals."""
+    inside = set()
+    for m in STRING.finditer(line):
+        inside.update(range(m.start(), m.end()))
+    return inside
+
+
+def sites(root, path):
+    with open(os.path.join(root, path)) as f:
+        lines = f.read().split("\n")
+    counts = {}
+    for line in lines:
+        counts[line] = counts.get(line, 0) + 1
+    previous = ""
+    for number, line in enumerate(lines, 1):
+        before, previous = previous, line.strip() or previous
+        if counts[line] != 1 or SKIP.search(line):
+            continue
+        inside = quoted(line)
+        arrays = set()
+        for m in ARRAY.finditer(line):
+            arrays.update(range(m.start(), m.end()))
+        for name, pattern, to in OPERATORS:
+            for m in re.finditer(pattern, line):
+                if inside & set(range(m.start(), m.end())):
+                    continue
+                if name == "const" and m.start() in arrays:
+                    continue
+                new = to if to is not None else replacement(name, m)
+                yield name, number, line, line[: m.start()] + new + line[m.end():]
+        if CALL.match(line) and before.endswith(STARTS) and not inside:
+            yield "delete-call", number, line, CALL.match(line).group(1) + ";"
+
+
+def draw(seed, count, root, *paths):
+    found = [(p,) + s for p in paths for s in sites(root, p)]
+    rng = random.Random(int(seed))
+    picked = rng.sample(found, min(int(count), len(found)))
+    for path, name, number, old, new in sorted(picked):
+        stem = os.path.splitext(os.path.basename(path))[0]
+        print(f"r{seed}-{stem}-{number}-{name}\t{path}\t{old}\t{new}")
+
+
 def main():
     command, args = sys.argv[1], sys.argv[2:]
     if command == "sync":
         sync(*args)
     elif command == "swap":
         swap(*args)
+    elif command == "draw":
+        draw(*args)
     elif command == "regex":
         print("^" + re.escape(args[0]) + "$")
     else:
