@@ -147,4 +147,10 @@ std::string secondsText(double seconds) {
   return text;
 }
 
+std::string fixedSeconds(double seconds, int digits) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.*f", digits, seconds);
+  return buf;
+}
+
 }  // namespace tovtools

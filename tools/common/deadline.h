@@ -92,6 +92,10 @@ double entryShare(const Deadline& d, std::size_t left, double reserve);
 // A duration in seconds as an operator reads it: "2", "0.5", "1.25".
 std::string secondsText(double seconds);
 
+// Seconds with a fixed number of decimals ("0.010"), for times in tables
+// and performance data, whose columns must line up.
+std::string fixedSeconds(double seconds, int digits);
+
 }  // namespace tovtools
 
 #endif  // TOOLS_COMMON_DEADLINE_H

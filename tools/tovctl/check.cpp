@@ -67,12 +67,6 @@ using tovtools::NodeStatus;
 using tovtools::ServiceStatus;
 using tovtools::Snapshot;
 
-std::string fixed(double seconds, int digits) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%.*f", digits, seconds);
-  return buf;
-}
-
 std::string joined(const std::vector<std::string>& parts,
                    const std::string& sep = ", ") {
   std::string out;
@@ -206,7 +200,7 @@ std::vector<std::string> configLines(const Snapshot& s, const CheckOptions& c,
     out.push_back(
         "entry node " + hostPortLabel(a.host, a.port) +
         (a.answered() ? " answered" : " did not answer: " + a.reason()) + " (" +
-        fixed(a.seconds, 3) + " s)");
+        tovtools::fixedSeconds(a.seconds, 3) + " s)");
   }
   out.push_back("warning thresholds: " + rangesText(c.warn));
   out.push_back("critical thresholds: " + rangesText(c.crit));
@@ -232,7 +226,8 @@ std::vector<std::string> configLines(const Snapshot& s, const CheckOptions& c,
   out.push_back("deadline: " +
                 (deadline > 0 ? tovtools::secondsText(deadline) + " s"
                               : std::string("none")) +
-                ", snapshot taken in " + fixed(s.seconds, 3) + " s");
+                ", snapshot taken in " + tovtools::fixedSeconds(s.seconds, 3) +
+                " s");
   return out;
 }
 
@@ -260,7 +255,7 @@ std::vector<std::string> detailLines(const Snapshot& s, const Judgement& j) {
   for (const NodeStatus& n : s.nodes) {
     out.push_back("node " + n.name + " (" + n.address + ") " +
                   (n.answers ? "answers" : "is silent: " + n.reason) + " (" +
-                  fixed(n.seconds, 3) + " s)");
+                  tovtools::fixedSeconds(n.seconds, 3) + " s)");
   }
   for (std::size_t i = 0; i < s.services.size(); ++i) {
     const ServiceStatus& v = s.services[i];
@@ -295,7 +290,7 @@ std::string perfData(const Judgement& j, const CheckOptions& c,
               c.crit[kBroken]) +
          item("services_ignored", j.ignored,
               static_cast<unsigned>(s.services.size())) +
-         "time=" + fixed(s.seconds, 3) + "s;;;0;" +
+         "time=" + tovtools::fixedSeconds(s.seconds, 3) + "s;;;0;" +
          (deadline > 0 ? tovtools::secondsText(deadline) : "");
 }
 

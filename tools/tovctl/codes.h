@@ -17,7 +17,7 @@ constexpr int kExitUnexpected = 99;   // no known code, or another exception
 constexpr int kExitUsage = 100;       // bad command line, unknown service, ...
 
 // Symbolic name of a result code ("TOV_COMMS_FAIL"); "" for the reserved
-// code 56 and for values outside 0..89.
+// code the library leaves unassigned and for values outside 0..89.
 std::string codeName(int code);
 
 // The library's text for a code.

@@ -37,12 +37,6 @@ std::string localTime(double unixSeconds) {
   return buf;
 }
 
-std::string fixed(double seconds, int digits) {
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%.*f", digits, seconds);
-  return buf;
-}
-
 using tovtools::serviceProblem;
 
 // Adds a table's lines: the heading, then one line per row with its tone
@@ -128,7 +122,7 @@ std::vector<ScreenLine> clusterLines(const Snapshot& now) {
   out.push_back(
       {shown("Taken " + localTime(now.takenAt) + " through " +
              hostPortLabel(now.host, now.port) + " in " +
-             fixed(now.seconds, 2) + " s" +
+             tovtools::fixedSeconds(now.seconds, 2) + " s" +
              (skipped.empty() ? "" : " (did not answer: " + skipped + ")")),
        Tone::Plain, false});
   return out;
@@ -164,7 +158,7 @@ void addNodes(std::vector<ScreenLine>& out, const Snapshot& now,
   for (const std::size_t i : at) {
     const NodeStatus& n = now.nodes[i];
     rows.push_back({n.name, n.address, n.answers ? "answering" : "silent",
-                    fixed(n.seconds, 3) + " s", n.reason});
+                    tovtools::fixedSeconds(n.seconds, 3) + " s", n.reason});
     tones.push_back(n.answers ? Tone::Plain : Tone::Problem);
     marks.push_back(changed[i]);
   }

@@ -169,12 +169,9 @@ void judge(Result& r, const Options& o) {
   const Snapshot& s = *r.snapshot;
   if (s.ok()) return;
   if (s.expired) {
-    const std::string label = s.host.find(':') != std::string::npos
-                                  ? "[" + s.host + "]:" + s.port
-                                  : s.host + ":" + s.port;
     r.failure = "deadline of " + tovtools::secondsText(o.deadline) +
                 " s expired while awaiting the cluster information from " +
-                label;
+                tovctl::hostPortLabel(s.host, s.port);
     r.status = kExitDeadline;
     return;
   }
