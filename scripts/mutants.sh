@@ -13,9 +13,10 @@
 #   scripts/mutants.sh [-o RESULTS] [-r REVISION] [-s SEED [-n COUNT]]
 #                      [ID-REGEX]
 #
-# -s draws COUNT faults (default 60) at random over every product source
-# (library, tovctl, tools/common, tovexporter), with SEED, instead of taking
-# the list: faults nobody chose. The drawn list is kept in RESULTS.list. A
+# -s draws faults at random over every product source (library, tovctl,
+# tools/common, tovexporter), with SEED, instead of taking the list: faults
+# nobody chose. It goes on until COUNT of them (default 60) have built; the
+# drawn list is kept in RESULTS.list. A
 # fault that the plain suite misses is then tried against the sanitizer
 # suite too ("caught-san"; a leak counts).
 #
@@ -68,7 +69,7 @@ fi
 $tool sync "$stage" "$src"
 rm -rf "$stage"
 if [[ -n $seed ]]; then
-  (cd "$src" && $tool draw "$seed" "$count" . \
+  (cd "$src" && $tool draw "$seed" $((count * 2)) . \
     $(ls tovapi/*.cpp tools/tovctl/*.cpp tools/common/*.cpp \
       tools/tovexporter/*.cpp)) >"$results.list"
 else
@@ -127,6 +128,7 @@ caught=0 missed=0 unbuilt=0 total=0 sancaught=0
 started=$(date +%s)
 while IFS=$'\t' read -r id file from to; do
   [[ -z $id || $id == \#* ]] && continue
+  [[ -n $seed ]] && ((total - unbuilt >= count)) && break
   [[ $id =~ $only ]] || continue
   total=$((total + 1))
   $tool swap "$src/$file" "$from" "$to"

@@ -6,8 +6,8 @@
   swap FILE OLD NEW  replace OLD by NEW in FILE; OLD must stand there once
   regex NAME         an anchored regular expression matching NAME exactly
   draw SEED COUNT ROOT FILE...
-                     COUNT faults drawn at random (seeded) over the sites of
-                     the given sources, printed in the format of
+                     the first COUNT faults of a random order (seeded) of
+                     the sites of the given sources, in the format of
                      mutants.list
 """
 import filecmp
@@ -120,9 +120,10 @@ def sites(root, path):
 
 def draw(seed, count, root, *paths):
     found = [(p,) + s for p in paths for s in sites(root, p)]
-    rng = random.Random(int(seed))
-    picked = rng.sample(found, min(int(count), len(found)))
-    for path, name, number, old, new in sorted(picked):
+    # A shuffle, so that a longer draw with the same seed begins with the
+    # faults of a shorter one; the caller stops at the faults it needs.
+    random.Random(int(seed)).shuffle(found)
+    for path, name, number, old, new in found[: int(count)]:
         stem = os.path.splitext(os.path.basename(path))[0]
         print(f"r{seed}-{stem}-{number}-{name}\t{path}\t{old}\t{new}")
 
