@@ -92,6 +92,7 @@ TEST_F(Tovctl, ErrorsExitWithTheirStatusAndChangeNothing) {
       {{"-H", "h", "frobnicate"}, "unknown command \"frobnicate\" ("},
       {{"help", "stpo"}, "did you mean \"stop\"?"},
       {{"-H", "[::1", "services"}, "is not [ADDRESS] or [ADDRESS]:PORT"},
+      {{"-H", "[::1]x", "services"}, "is not [ADDRESS] or [ADDRESS]:PORT"},
       {{"-H", "node1:99999", "services"}, "is not a number from 1 to 65535"},
       {{"halt"},
        "halt of the daemon on " + at() +
