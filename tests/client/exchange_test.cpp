@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <stdexcept>
@@ -394,3 +395,45 @@ TEST_F(NetTest, SocketsBeyondWhatSelectCanWatch) {
 }
 
 }  // namespace
+
+// How many trace lines each operation writes at each debug level: a trace
+// gated at the wrong level changes a count.
+TEST_F(NetTest, TracesFollowTheDebugLevel) {
+  LoopbackServer server(std::vector<Script>(12, replying("Ba done\n"s + '\0')));
+  int version = 0;
+  char* ip = nullptr;
+  const std::vector<std::pair<const char*, std::function<void()>>> ops{
+      {"family v4", [&] { net.validateAddressFamily("10.1.2.3", &version); }},
+      {"family v6 null", [&] { net.validateAddressFamily("::1", nullptr); }},
+      {"family bad", [&] { net.validateAddressFamily("x", &version); }},
+      {"host", [&] { net.validateHost("127.0.0.1", &ip), std::free(ip); }},
+      {"host null", [&] { net.validateHost("localhost", nullptr); }},
+      {"exchange", [&] { exchange(server.portStr(), "B 1"), release(); }},
+      {"command", [&] { command(server, "B"), release(); }},
+  };
+  std::string counts;
+  for (const auto& [name, op] : ops) {
+    counts += std::string(name) + ":";
+    for (int level = 0; level <= 3; ++level) {
+      rec().level = level;
+      rec().writes.clear();
+      op();
+      // The connect step's "in progress" line is written at every level.
+      counts +=
+          " " + std::to_string(std::count_if(
+                    rec().writes.begin(), rec().writes.end(),
+                    [](const std::string& w) {
+                      return w.find("connect() reported") == std::string::npos;
+                    }));
+    }
+    counts += "\n";
+  }
+  EXPECT_EQ(counts,
+            "family v4: 0 4 4 7\n"
+            "family v6 null: 0 4 4 7\n"
+            "family bad: 0 1 1 3\n"
+            "host: 0 0 1 5\n"
+            "host null: 0 0 0 3\n"
+            "exchange: 0 0 14 32\n"
+            "command: 0 2 23 44\n");
+}

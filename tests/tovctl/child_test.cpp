@@ -35,6 +35,9 @@ TEST(ChildProcess, ProgramsGiveBackOutputErrorsAndStatusWithinTheLimits) {
   };
   const std::vector<Row> rows{
       {"cat", "hello", 100, "hello", "", 0, false},
+      // More input than a pipe holds by default.
+      {"cat", std::string(100000, 'y'), 100000, std::string(100000, 'y'), "", 0,
+       false},
       {"head -c 5000 /dev/zero | tr '\\0' x", "", 1000, std::string(1000, 'x'),
        "", 0, true},
       {"printf abc", "", 3, "abc", "", 0, false},
