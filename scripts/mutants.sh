@@ -131,9 +131,13 @@ while IFS=$'\t' read -r id file from to; do
   [[ -n $seed ]] && ((total - unbuilt >= count)) && break
   [[ $id =~ $only ]] || continue
   total=$((total + 1))
-  $tool swap "$src/$file" "$from" "$to"
   log=$work/$id.log
   verdict=missed tests="" skip=""
+  if ! $tool swap "$src/$file" "$from" "$to" 2>"$log"; then
+    echo "$id: cannot be put in: $(cat "$log")" >&2
+    total=$((total - 1))
+    continue
+  fi
   if ! cmake --build "$bld" -j "$jobs" >"$log" 2>&1; then
     verdict=unbuilt
   else

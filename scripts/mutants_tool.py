@@ -93,14 +93,14 @@ def quoted(line):
 
 def sites(root, path):
     with open(os.path.join(root, path)) as f:
-        lines = f.read().split("\n")
-    counts = {}
-    for line in lines:
-        counts[line] = counts.get(line, 0) + 1
+        text = f.read()
+    lines = text.split("\n")
     previous = ""
     for number, line in enumerate(lines, 1):
         before, previous = previous, line.strip() or previous
-        if counts[line] != 1 or SKIP.search(line):
+        # swap() needs the line to stand once in the file, also as a part
+        # of a longer line.
+        if text.count(line) != 1 or SKIP.search(line):
             continue
         inside = quoted(line)
         arrays = set()
