@@ -84,10 +84,15 @@ STARTS = (";", "{", "}", ":")
 
 
 def quoted(line):
-    """Character positions inside string or character literals."""
+    """Character positions inside string or character literals, or in a
+    trailing comment."""
     inside = set()
     for m in STRING.finditer(line):
         inside.update(range(m.start(), m.end()))
+    comment = next((i for i in range(len(line) - 1)
+                    if line.startswith("//", i) and i not in inside), None)
+    if comment is not None:
+        inside.update(range(comment, len(line)))
     return inside
 
 
