@@ -77,12 +77,24 @@ int askPassword() {
   return tovAuth.getUserPass("password: ") == "hunter2" ? 0 : 3;
 }
 
+// A program that keeps running after Ctrl-C: its prompt still ends there.
+int askPasswordSurvivingInterrupts() {
+  struct sigaction keepGoing {};
+  keepGoing.sa_handler = [](int) {};
+  sigaction(SIGINT, &keepGoing, nullptr);
+  return askPassword() == 3 ? 4 : 5;
+}
+
 TEST(PasswordEntry, TypingIsHiddenAndEchoComesBackHoweverTheReadEnds) {
   const struct {
     const char* name;
     std::string typed;  // \x03 is Ctrl-C
-    int status;         // 0: the child read "hunter2"; else the signal
-  } cases[] = {{"typed", "hunter2\n", 0}, {"ctrl-c", "hunter2\x03", SIGINT}};
+    int status;         // the child's wait status: 0 when it read "hunter2"
+    int (*ask)();
+  } cases[] = {
+      {"typed", "hunter2\n", 0, askPassword},
+      {"ctrl-c", "hunter2\x03", SIGINT, askPassword},
+      {"ctrl-c caught", "hunter2\x03", 4 << 8, askPasswordSurvivingInterrupts}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Pty pty;
@@ -94,8 +106,7 @@ TEST(PasswordEntry, TypingIsHiddenAndEchoComesBackHoweverTheReadEnds) {
       EXPECT_EQ(write(pty.master, c.typed.data(), c.typed.size()),
                 static_cast<ssize_t>(c.typed.size()));
     };
-    EXPECT_EQ(inChild(pty.slave, pty.slave, askPassword, typeAtPrompt),
-              c.status);
+    EXPECT_EQ(inChild(pty.slave, pty.slave, c.ask, typeAtPrompt), c.status);
     termios after{};
     ASSERT_EQ(tcgetattr(pty.slave, &after), 0);
     EXPECT_NE(after.c_lflag & ECHO, 0u) << "echo left off";
