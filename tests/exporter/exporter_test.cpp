@@ -22,6 +22,7 @@
 #include "support/loopback_server.h"
 #include "support/net_helpers.h"
 #include "support/sim.h"
+#include "tovexporter/http.h"
 #include "tovexporter/metrics.h"
 #include "tovexporter/scraper.h"
 #include "tovexporter/targets.h"
@@ -212,6 +213,25 @@ INSTANTIATE_TEST_SUITE_P(Clusters, Exposition, testing::ValuesIn(kRows),
 TEST(LabelValue, EscapesWhatWouldEndTheValueOnly) {
   EXPECT_EQ(tovexporter::labelValue("a\nb\r\"c\\d\xff"),
             "a\\nb\r\\\"c\\\\d" + kFffd);
+}
+
+// A query's parameters as a browser or Prometheus encodes them.
+TEST(QueryParams, DecodedWithPlusAsASpace) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"target=x%41y&b=1", "b=1;target=xAy;"},
+      {"a=%7e+%2C%2c", "a=~ ,,;"},
+      {"k%3D=v%3d&k%3d", "k==v=;k==;"},
+      {"a=%4&b=%zz&c=%", "a=%4;b=%zz;c=%;"},
+      {"&=x&&a==b&", "a==b;"},
+      {"", ""},
+  };
+  for (const auto& [query, want] : cases) {
+    std::string got;
+    for (const auto& [k, v] : tovexporter::queryParams(query)) {
+      got += k + "=" + v + ";";
+    }
+    EXPECT_EQ(got, want) << query;
+  }
 }
 
 // What a /probe request names: the target it gives, or why it is refused
