@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/discovery.h"
+#include "discovery.h"
 #include "tovapi/internal_discovery.h"
 #include "tovapi/libtovapi.h"
 
@@ -101,6 +102,13 @@ TEST(DiscoveryCore, GroupsAnswersAsTheLibraryDoes) {
     EXPECT_EQ(coreRecords(s), libraryRecords(c.answers, c.mode, count));
     EXPECT_EQ(s.records.size(), count);
     EXPECT_EQ(s.skippedCount + s.dropped, 0u);
+    // tovctl prints the records as the library's labelled report does.
+    std::vector<std::string> pooled;
+    for (const std::string& a : c.answers) tovUtils::tokenizer(a, pooled, "\n");
+    std::ostringstream library, tool;
+    tov1::discovery::reportAnswers(pooled, c.mode, true, library);
+    tovctl::printReport(tool, s, c.mode);
+    EXPECT_EQ(tool.str(), library.str());
   }
   // The record belongs to the sender of its cluster line.
   const DiscoverySelection s = select({boot, cluster("a", "1"), nodes(1, 1)});
