@@ -428,3 +428,26 @@ TEST_F(Tovctl, StatusShowsNodesServicesAndTheSummary) {
 }
 
 }  // namespace
+
+// On a terminal the summary is red while any node is silent or any service
+// in trouble, green otherwise; problem rows are red.
+TEST_F(Tovctl, StatusColoursTroubleRedAndHealthGreen) {
+  const std::string node = R"({"name": "alpha", "address": "127.0.0.1"})";
+  const std::string web =
+      R"("services": [{"name": "web", "state": "running", "mode": "auto",
+                       "node": "alpha"}]})";
+  const std::string silent =
+      R"(, {"name": "gamma", "address": "127.0.0.7", "silent": true})";
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {node, {"\033[32m1 node (1 answering), 1 service (1 running)\033[0m"}},
+      {node + silent,
+       {"\033[31m2 nodes (1 answering, 1 silent), 1 service (1 running)",
+        "\033[31m   gamma "}},
+  };
+  for (const auto& [nodes, want] : cases) {
+    sim_ = startSim(
+        {}, R"({"cluster": {"name": "c"}, "nodes": [)" + nodes + "], " + web);
+    const Outcome r = tool({"status"}, atTerminal("", "", "TERM=xterm"));
+    for (const std::string& w : want) EXPECT_THAT(r.out, HasSubstr(w));
+  }
+}
